@@ -1,0 +1,109 @@
+#include "support/FileSystem.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace whittle {
+
+namespace {
+
+constexpr std::uint64_t kLargestReadableFile = 0xFFFFFFFFull;
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    int fd_;
+};
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+std::string parentFolder(const std::string& path) {
+    auto slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+}  // namespace
+
+std::optional<std::string> readWholeFile(const std::string& path) {
+    // Non-blocking open, so that a named pipe in place of a file cannot stall the run.
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (fd.get() < 0) return std::nullopt;
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+    if (static_cast<std::uint64_t>(info.st_size) > kLargestReadableFile) return std::nullopt;
+
+    std::string content;
+    content.reserve(static_cast<std::size_t>(info.st_size));
+    std::vector<char> buffer(1 << 16);
+    for (;;) {
+        ssize_t got = ::read(fd.get(), buffer.data(), buffer.size());
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            return std::nullopt;
+        }
+        if (got == 0) break;
+        content.append(buffer.data(), static_cast<std::size_t>(got));
+        if (content.size() > kLargestReadableFile) return std::nullopt;
+    }
+    return content;
+}
+
+bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string& error) {
+    std::string temporary = parentFolder(path) + "/." + lastPathComponent(path) + ".XXXXXX";
+    std::vector<char> templateBuffer(temporary.begin(), temporary.end());
+    templateBuffer.push_back('\0');
+    FileDescriptor fd(::mkstemp(templateBuffer.data()));
+    if (fd.get() < 0) {
+        error = std::strerror(errno);
+        return false;
+    }
+    temporary.assign(templateBuffer.data());
+    bool written = writeAll(fd.get(), bytes) && ::fchmod(fd.get(), 0644) == 0;
+    int savedErrno = errno;
+    bool closed = ::close(fd.release()) == 0;
+    if (written && closed && ::rename(temporary.c_str(), path.c_str()) == 0) return true;
+    if (written && closed) savedErrno = errno;
+    error = std::strerror(savedErrno);
+    ::unlink(temporary.c_str());
+    return false;
+}
+
+std::string lastPathComponent(std::string_view path) {
+    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+    auto slash = path.find_last_of('/');
+    if (slash == std::string_view::npos || path.size() == 1) return std::string(path);
+    return std::string(path.substr(slash + 1));
+}
+
+}  // namespace whittle

@@ -1,0 +1,22 @@
+// Small file chores shared by the whole program.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace whittle {
+
+// The whole content of a regular file; none if it is missing, not a regular file,
+// unreadable or larger than 4 GiB.
+std::optional<std::string> readWholeFile(const std::string& path);
+
+// Writes bytes to a temporary file beside the path and renames it over the path, so
+// that readers see the old content or the new, never a part. On failure returns
+// false and sets the error's description, and nothing is left behind.
+bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string& error);
+
+// The last path component ("a/b/c.txt" -> "c.txt"; trailing slashes ignored).
+std::string lastPathComponent(std::string_view path);
+
+}  // namespace whittle

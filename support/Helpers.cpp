@@ -1,0 +1,85 @@
+#include "support/Helpers.hpp"
+
+#include <algorithm>
+
+namespace whittle {
+
+std::string niceDescription(const ValueArray& elements) {
+    std::string out;
+    for (const auto& element : elements) {
+        if (!out.empty()) out += ", ";
+        out += element.description();
+    }
+    return out;
+}
+
+std::string niceDescription(const Value& collection) {
+    if (const auto* array = collection.asArray()) return niceDescription(*array);
+    if (const auto* members = collection.asSetMembers()) return niceDescription(*members);
+    return {};
+}
+
+bool boolForKey(const Value& dictionary, const std::string* key) {
+    return key ? boolForKey(dictionary, std::string_view(*key)) : false;
+}
+
+bool boolForKey(const Value& dictionary, std::string_view key) {
+    Value value = dictionary.get(key);
+    if (value.isNone()) return false;
+    if (value.isNumber()) return value.numberValue() != 0;
+    if (const auto* text = value.asString()) return !text->empty() && ((*text)[0] == 'y' || (*text)[0] == 'Y');
+    return false;
+}
+
+namespace {
+
+char foldCase(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool sameIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return foldCase(x) == foldCase(y); });
+}
+
+bool sameWithOptions(std::string_view a, std::string_view b, unsigned options) {
+    return (options & kCaseInsensitiveSearch) ? sameIgnoringCase(a, b) : a == b;
+}
+
+}  // namespace
+
+bool hasPrefix(std::string_view text, std::string_view prefix, unsigned options) {
+    if (prefix.empty() || prefix.size() > text.size()) return false;
+    return sameWithOptions(text.substr(0, prefix.size()), prefix, options);
+}
+
+bool hasSuffix(std::string_view text, std::string_view suffix, unsigned options) {
+    if (suffix.empty() || suffix.size() > text.size()) return false;
+    return sameWithOptions(text.substr(text.size() - suffix.size()), suffix, options);
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) { return sameIgnoringCase(a, b); }
+
+int compareIgnoringCase(std::string_view a, std::string_view b) {
+    std::size_t common = std::min(a.size(), b.size());
+    for (std::size_t i = 0; i < common; ++i) {
+        auto x = static_cast<unsigned char>(foldCase(a[i]));
+        auto y = static_cast<unsigned char>(foldCase(b[i]));
+        if (x != y) return x < y ? -1 : 1;
+    }
+    if (a.size() == b.size()) return 0;
+    return a.size() < b.size() ? -1 : 1;
+}
+
+void sortIgnoringCase(std::vector<std::string>& texts) {
+    std::stable_sort(texts.begin(), texts.end(),
+                     [](const std::string& a, const std::string& b) { return compareIgnoringCase(a, b) < 0; });
+}
+
+bool containsCaseInsensitiveString(const Value& array, std::string_view text) {
+    const auto* elements = array.asArray();
+    if (!elements) return false;
+    return std::any_of(elements->begin(), elements->end(), [text](const Value& element) {
+        return element.isString() && sameIgnoringCase(element.text(), text);
+    });
+}
+
+}  // namespace whittle

@@ -1,0 +1,202 @@
+#include "support/PlistCodec.hpp"
+
+#include <plist/plist.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+
+namespace whittle {
+
+namespace {
+
+struct PlistDeleter {
+    void operator()(plist_t node) const { plist_free(node); }
+};
+using PlistHandle = std::unique_ptr<void, PlistDeleter>;
+
+struct MallocDeleter {
+    void operator()(char* text) const { std::free(text); }
+};
+using MallocText = std::unique_ptr<char, MallocDeleter>;
+
+// ---- reading ----
+
+bool xmlNestsTooDeeply(std::string_view bytes) {
+    int depth = 0;
+    for (std::size_t i = 0; i + 1 < bytes.size(); ++i) {
+        if (bytes[i] != '<') continue;
+        std::string_view rest = bytes.substr(i + 1);
+        bool opens = rest.starts_with("array>") || rest.starts_with("dict>");
+        bool closes = rest.starts_with("/array>") || rest.starts_with("/dict>");
+        if (opens && ++depth > kMaximumPlistNesting) return true;
+        if (closes) --depth;
+    }
+    return false;
+}
+
+Value fromPlist(plist_t node, int depth);
+
+Value arrayFromPlist(plist_t node, int depth) {
+    uint32_t size = plist_array_get_size(node);
+    ValueArray elements;
+    elements.reserve(size);
+    for (uint32_t i = 0; i < size; ++i) {
+        Value element = fromPlist(plist_array_get_item(node, i), depth + 1);
+        if (element.isNone()) return {};
+        elements.push_back(std::move(element));
+    }
+    return Value::array(std::move(elements));
+}
+
+Value dictionaryFromPlist(plist_t node, int depth) {
+    ValueDictionary entries;
+    plist_dict_iter iter = nullptr;
+    plist_dict_new_iter(node, &iter);
+    if (!iter) return {};
+    bool complete = true;
+    for (;;) {
+        char* rawKey = nullptr;
+        plist_t item = nullptr;
+        plist_dict_next_item(node, iter, &rawKey, &item);
+        MallocText key(rawKey);
+        if (!item) break;
+        Value element = fromPlist(item, depth + 1);
+        if (element.isNone() || !key) {
+            complete = false;
+            break;
+        }
+        entries.insert_or_assign(std::string(key.get()), std::move(element));
+    }
+    std::free(iter);
+    return complete ? Value::dictionary(std::move(entries)) : Value();
+}
+
+Value scalarFromPlist(plist_t node) {
+    switch (plist_get_node_type(node)) {
+        case PLIST_BOOLEAN: {
+            uint8_t flag = 0;
+            plist_get_bool_val(node, &flag);
+            return Value::boolean(flag != 0);
+        }
+        case PLIST_UINT: {
+            uint64_t number = 0;
+            plist_get_uint_val(node, &number);
+            return Value::integer(static_cast<std::int64_t>(number));
+        }
+        case PLIST_REAL: {
+            double number = 0;
+            plist_get_real_val(node, &number);
+            return Value::real(number);
+        }
+        case PLIST_STRING:
+        case PLIST_KEY: {
+            uint64_t length = 0;
+            const char* text = plist_get_string_ptr(node, &length);
+            return Value::string(text ? std::string(text, length) : std::string());
+        }
+        case PLIST_DATE: {
+            int32_t seconds = 0, microseconds = 0;
+            plist_get_date_val(node, &seconds, &microseconds);
+            return Value::date(Date{seconds + microseconds / 1e6});
+        }
+        case PLIST_DATA: {
+            uint64_t length = 0;
+            const char* bytes = plist_get_data_ptr(node, &length);
+            return Value::data(bytes ? std::string(bytes, length) : std::string());
+        }
+        case PLIST_UID: {
+            uint64_t number = 0;
+            plist_get_uid_val(node, &number);
+            return Value::integer(static_cast<std::int64_t>(number));
+        }
+        default: return {};
+    }
+}
+
+Value fromPlist(plist_t node, int depth) {
+    if (!node || depth > kMaximumPlistNesting) return {};
+    switch (plist_get_node_type(node)) {
+        case PLIST_ARRAY: return arrayFromPlist(node, depth);
+        case PLIST_DICT: return dictionaryFromPlist(node, depth);
+        default: return scalarFromPlist(node);
+    }
+}
+
+// ---- writing ----
+
+plist_t toPlist(const Value& value);
+
+plist_t arrayToPlist(const ValueArray& elements) {
+    plist_t array = plist_new_array();
+    for (const auto& element : elements) {
+        if (plist_t item = toPlist(element)) plist_array_append_item(array, item);
+    }
+    return array;
+}
+
+plist_t dictionaryToPlist(const ValueDictionary& entries) {
+    plist_t dict = plist_new_dict();
+    for (const auto& [key, element] : entries) {  // std::map: ascending key order
+        if (plist_t item = toPlist(element)) plist_dict_set_item(dict, key.c_str(), item);
+    }
+    return dict;
+}
+
+plist_t dateToPlist(const Date& when) {
+    double whole = std::floor(when.secondsSinceReferenceDate);
+    double clamped = std::fmax(std::fmin(whole, std::numeric_limits<int32_t>::max()),
+                               std::numeric_limits<int32_t>::min());
+    auto microseconds = static_cast<int32_t>((when.secondsSinceReferenceDate - whole) * 1e6);
+    return plist_new_date(static_cast<int32_t>(clamped), clamped == whole ? microseconds : 0);
+}
+
+plist_t toPlist(const Value& value) {
+    if (value.isNone()) return nullptr;
+    switch (value.kind()) {
+        case Value::Kind::String: return plist_new_string(value.asString()->c_str());
+        case Value::Kind::Integer: return plist_new_uint(static_cast<uint64_t>(*value.asInteger()));
+        case Value::Kind::Real: return plist_new_real(*value.asReal());
+        case Value::Kind::Boolean: return plist_new_bool(*value.asBoolean() ? 1 : 0);
+        case Value::Kind::Date: return dateToPlist(*value.asDate());
+        case Value::Kind::Data: {
+            const auto& bytes = value.asData()->bytes;
+            return plist_new_data(bytes.data(), bytes.size());
+        }
+        case Value::Kind::Array: return arrayToPlist(*value.asArray());
+        case Value::Kind::Set: return arrayToPlist(*value.asSetMembers());
+        case Value::Kind::Dictionary: return dictionaryToPlist(*value.asDictionary());
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+Value parsePropertyList(std::string_view bytes) {
+    if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) return {};
+    auto length = static_cast<uint32_t>(bytes.size());
+    plist_t raw = nullptr;
+    if (plist_is_binary(bytes.data(), length)) {
+        plist_from_bin(bytes.data(), length, &raw);
+    } else {
+        if (xmlNestsTooDeeply(bytes)) return {};
+        plist_from_xml(bytes.data(), length, &raw);
+    }
+    PlistHandle root(raw);
+    return root ? fromPlist(root.get(), 0) : Value();
+}
+
+std::string xmlPropertyList(const Value& value) {
+    PlistHandle root(toPlist(value));
+    if (!root) root.reset(plist_new_dict());
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(root.get(), &xml, &length);
+    std::string text = xml ? std::string(xml, length) : std::string();
+    plist_to_xml_free(xml);
+    return text;
+}
+
+}  // namespace whittle

@@ -1,0 +1,119 @@
+// The one value type for property-list values used throughout whittle.
+//
+// A Value is a reference to a shared node, like an object pointer: copying a Value
+// copies the reference, and changing a container (or a string, in place) through one
+// reference is seen through every other. An empty Value stands for "none".
+// deepCopy() makes an independent copy of a whole tree.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace whittle {
+
+class Value;
+
+using ValueArray = std::vector<Value>;
+using ValueDictionary = std::map<std::string, Value, std::less<>>;
+
+// A date as seconds since 2001-01-01 00:00:00 UTC, the property-list epoch.
+struct Date {
+    double secondsSinceReferenceDate = 0;
+};
+
+// Raw bytes of a data value.
+struct Data {
+    std::string bytes;
+};
+
+// An unordered collection of distinct values (by deep equality); enumerates in
+// insertion order. Not a property-list type; no file ever holds one.
+struct ValueSet {
+    ValueArray members;
+};
+
+class Value {
+public:
+    enum class Kind : std::uint8_t { String, Integer, Real, Boolean, Date, Data, Array, Dictionary, Set };
+
+    Value() = default;
+
+    static Value string(std::string text);
+    static Value integer(std::int64_t number);
+    static Value real(double number);
+    static Value boolean(bool flag);
+    static Value date(Date when);
+    static Value data(std::string bytes);
+    static Value array(ValueArray elements = {});
+    static Value dictionary(ValueDictionary entries = {});
+    static Value set(ValueArray members = {});
+    // An array of strings, for the many lists of names and paths.
+    static Value stringArray(const std::vector<std::string>& texts);
+
+    bool isNone() const { return !node_; }
+    explicit operator bool() const { return static_cast<bool>(node_); }
+    Kind kind() const;
+    bool is(Kind kind) const { return node_ && this->kind() == kind; }
+    bool isString() const { return is(Kind::String); }
+    bool isArray() const { return is(Kind::Array); }
+    bool isDictionary() const { return is(Kind::Dictionary); }
+    bool isData() const { return is(Kind::Data); }
+    bool isSet() const { return is(Kind::Set); }
+    bool isNumber() const { return is(Kind::Integer) || is(Kind::Real) || is(Kind::Boolean); }
+
+    // Typed views; each returns nullptr when the value is none or of another kind.
+    const std::string* asString() const;
+    std::string* asMutableString();
+    const std::int64_t* asInteger() const;
+    const double* asReal() const;
+    const bool* asBoolean() const;
+    const Date* asDate() const;
+    const Data* asData() const;
+    const ValueArray* asArray() const;
+    ValueArray* asMutableArray();
+    const ValueDictionary* asDictionary() const;
+    ValueDictionary* asMutableDictionary();
+    const ValueArray* asSetMembers() const;
+
+    // A string's text, or "" for anything else.
+    std::string_view text() const;
+    // A number's value as a double (booleans as 0 or 1); 0 for anything else.
+    double numberValue() const;
+
+    // Dictionary access; get() answers none for a missing key or a non-dictionary.
+    Value get(std::string_view key) const;
+    void set(std::string_view key, Value value);
+    void remove(std::string_view key);
+    // Array access; at() answers none out of range or for a non-array.
+    std::size_t count() const;
+    Value at(std::size_t index) const;
+    void append(Value element);
+    // Set access: adds the member unless an equal one is already there.
+    void addToSet(Value member);
+    bool setContains(const Value& member) const;
+
+    // Deep equality: strings by characters, numbers by value, data by bytes,
+    // dates by time, containers element by element. Two nones are equal.
+    bool equals(const Value& other) const;
+    bool sameObject(const Value& other) const { return node_ == other.node_; }
+    Value deepCopy() const;
+
+    // What "%@" prints: a string's own text, a number in decimal, containers in the
+    // old-style property-list text form.
+    std::string description() const;
+
+private:
+    struct Node;
+    explicit Value(std::shared_ptr<Node> node) : node_(std::move(node)) {}
+    std::shared_ptr<Node> node_;
+};
+
+// The name of a value's kind, for messages ("string", "dictionary", ...).
+const char* kindName(const Value& value);
+
+}  // namespace whittle

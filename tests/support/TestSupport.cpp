@@ -1,0 +1,145 @@
+#include "TestSupport.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace whittle::test {
+
+TempDir::TempDir() {
+    char pattern[] = "/tmp/whittle-test-XXXXXX";
+    if (!mkdtemp(pattern)) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+TempDir::~TempDir() { removeTree(path_); }
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+bool pathExists(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::symlink_status(path, error).type() != std::filesystem::file_type::not_found;
+}
+
+void removeTree(const std::string& path) {
+    std::error_code error;
+    std::filesystem::remove_all(path, error);
+}
+
+namespace {
+
+void drainInto(int fd, std::string& sink, bool& open) {
+    char buffer[65536];
+    ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got > 0) {
+        sink.append(buffer, static_cast<std::size_t>(got));
+    } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+        open = false;  // end of file; a terminal's master side answers EIO instead
+    }
+}
+
+[[noreturn]] void execChild(const std::vector<std::string>& argv, const RunOptions& options, int outFd, int errFd) {
+    int devNull = ::open("/dev/null", O_RDONLY);
+    ::dup2(devNull, 0);
+    ::dup2(outFd, 1);
+    ::dup2(errFd, 2);
+    if (!options.workingDirectory.empty() && ::chdir(options.workingDirectory.c_str()) != 0) _exit(126);
+    std::vector<char*> args;
+    for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    _exit(127);
+}
+
+}  // namespace
+
+ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions& options) {
+    int outPipe[2];
+    if (::pipe2(outPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    int errRead = -1, errWrite = -1;
+    if (options.stderrOnTerminal) {
+        // A raw terminal passes bytes through unchanged (no "\n" to "\r\n").
+        termios raw{};
+        ::cfmakeraw(&raw);
+        if (::openpty(&errRead, &errWrite, nullptr, &raw, nullptr) != 0) throw std::runtime_error("openpty failed");
+        ::fcntl(errRead, F_SETFD, FD_CLOEXEC);
+        ::fcntl(errWrite, F_SETFD, FD_CLOEXEC);
+    } else {
+        int errPipe[2];
+        if (::pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+        errRead = errPipe[0];
+        errWrite = errPipe[1];
+    }
+
+    pid_t child = ::fork();
+    if (child == 0) execChild(argv, options, outPipe[1], errWrite);
+    ::close(outPipe[1]);
+    ::close(errWrite);
+
+    ProgramResult result;
+    bool outOpen = true, errOpen = true;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeoutSeconds);
+    while (outOpen || errOpen) {
+        pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errRead, POLLIN, 0}};
+        ::poll(fds, 2, 100);
+        if (outOpen && (fds[0].revents & (POLLIN | POLLHUP | POLLERR))) drainInto(outPipe[0], result.out, outOpen);
+        if (errOpen && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) drainInto(errRead, result.err, errOpen);
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(child, SIGKILL);
+            break;
+        }
+    }
+    ::close(outPipe[0]);
+    ::close(errRead);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+std::string whittleBinary() { return WHITTLE_BINARY; }
+
+ProgramResult runWhittle(const std::vector<std::string>& arguments, const RunOptions& options) {
+    std::vector<std::string> argv{whittleBinary()};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return runProgram(argv, options);
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::string::size_type start = 0;
+    while (start < text.size()) {
+        auto end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        std::string line = text.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        lines.push_back(line);
+        start = end + 1;
+    }
+    return lines;
+}
+
+}  // namespace whittle::test

@@ -1,0 +1,51 @@
+// Helpers shared by the tests: temporary folders, files, and running programs with
+// their output captured (optionally with standard error on a pseudo-terminal).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace whittle::test {
+
+// A fresh folder under /tmp, removed with everything in it when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+void writeFile(const std::string& path, const std::string& content);
+std::string readFile(const std::string& path);
+bool pathExists(const std::string& path);
+void removeTree(const std::string& path);
+
+struct ProgramResult {
+    int status = -1;          // exit status, or 128 + signal
+    std::string out;          // standard output
+    std::string err;          // standard error (or what the terminal received)
+};
+
+struct RunOptions {
+    bool stderrOnTerminal = false;  // standard error goes to a pseudo-terminal
+    std::string workingDirectory;   // empty: the test's own
+    int timeoutSeconds = 120;
+};
+
+ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
+
+// The built whittle binary.
+std::string whittleBinary();
+// Runs whittle with these arguments (the program path is added in front).
+ProgramResult runWhittle(const std::vector<std::string>& arguments, const RunOptions& options = {});
+
+// The lines of a text, without their line ends.
+std::vector<std::string> linesOf(const std::string& text);
+
+}  // namespace whittle::test
