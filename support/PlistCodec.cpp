@@ -188,15 +188,30 @@ Value parsePropertyList(std::string_view bytes) {
     return root ? fromPlist(root.get(), 0) : Value();
 }
 
-std::string xmlPropertyList(const Value& value) {
+namespace {
+
+using Encoder = void (*)(plist_t, char**, uint32_t*);
+using Releaser = void (*)(char*);
+
+std::string encodePropertyList(const Value& value, Encoder encode, Releaser release) {
     PlistHandle root(toPlist(value));
     if (!root) root.reset(plist_new_dict());
-    char* xml = nullptr;
+    char* bytes = nullptr;
     uint32_t length = 0;
-    plist_to_xml(root.get(), &xml, &length);
-    std::string text = xml ? std::string(xml, length) : std::string();
-    plist_to_xml_free(xml);
-    return text;
+    encode(root.get(), &bytes, &length);
+    std::string encoded = bytes ? std::string(bytes, length) : std::string();
+    release(bytes);
+    return encoded;
+}
+
+}  // namespace
+
+std::string xmlPropertyList(const Value& value) {
+    return encodePropertyList(value, plist_to_xml, plist_to_xml_free);
+}
+
+std::string binaryPropertyList(const Value& value) {
+    return encodePropertyList(value, plist_to_bin, plist_to_bin_free);
 }
 
 }  // namespace whittle

@@ -19,4 +19,7 @@ Value parsePropertyList(std::string_view bytes);
 // Sets are written as arrays; nones inside containers are left out.
 std::string xmlPropertyList(const Value& value);
 
+// The same in the binary property-list encoding.
+std::string binaryPropertyList(const Value& value);
+
 }  // namespace whittle
