@@ -4,9 +4,11 @@
 
 #include <cmath>
 #include <cstdint>
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <vector>
 
 namespace whittle {
 
@@ -36,6 +38,119 @@ bool xmlNestsTooDeeply(std::string_view bytes) {
     }
     return false;
 }
+
+// The binary parser follows object references recursively, so a file whose objects
+// nest (or refer back to each other) too deeply is turned away before it sees it.
+class BinaryNestingCheck {
+public:
+    explicit BinaryNestingCheck(std::string_view bytes) : bytes_(bytes) {}
+
+    bool acceptable() {
+        if (!readTrailer()) return false;
+        depthOf_.assign(objectCount_, kUnvisited);
+        return depthFrom(topObject_) <= kMaximumPlistNesting;
+    }
+
+private:
+    static constexpr int kUnvisited = -1;
+    static constexpr int kInProgress = -2;
+    static constexpr int kRefused = kMaximumPlistNesting + 1;
+
+    bool readTrailer() {
+        if (bytes_.size() < 8 + 32) return false;
+        std::size_t trailer = bytes_.size() - 32;
+        offsetSize_ = static_cast<unsigned char>(bytes_[trailer + 6]);
+        refSize_ = static_cast<unsigned char>(bytes_[trailer + 7]);
+        objectCount_ = readUnsigned(trailer + 8, 8);
+        topObject_ = readUnsigned(trailer + 16, 8);
+        offsetTable_ = readUnsigned(trailer + 24, 8);
+        bool sizesValid = offsetSize_ >= 1 && offsetSize_ <= 8 && refSize_ >= 1 && refSize_ <= 8;
+        return sizesValid && objectCount_ > 0 && topObject_ < objectCount_ && offsetTable_ < trailer &&
+               objectCount_ <= (trailer - offsetTable_) / offsetSize_;
+    }
+
+    std::uint64_t readUnsigned(std::size_t at, std::size_t size) const {
+        std::uint64_t value = 0;
+        for (std::size_t i = 0; i < size; ++i) value = (value << 8) | static_cast<unsigned char>(bytes_[at + i]);
+        return value;
+    }
+
+    // The references an object holds (none for scalars); false when it is malformed.
+    bool childrenOf(std::uint64_t object, std::vector<std::uint64_t>& children) const {
+        children.clear();
+        std::uint64_t offset = readUnsigned(offsetTable_ + object * offsetSize_, offsetSize_);
+        if (offset >= offsetTable_) return false;
+        auto marker = static_cast<unsigned char>(bytes_[offset]);
+        unsigned type = marker >> 4;
+        if (type != 0xA && type != 0xC && type != 0xD) return true;
+        std::uint64_t count = marker & 0xF;
+        std::size_t at = offset + 1;
+        if (count == 0xF) {
+            if (at >= offsetTable_) return false;
+            auto intMarker = static_cast<unsigned char>(bytes_[at]);
+            std::size_t intSize = std::size_t{1} << (intMarker & 0xF);
+            if ((intMarker >> 4) != 0x1 || intSize > 8 || at + 1 + intSize > offsetTable_) return false;
+            count = readUnsigned(at + 1, intSize);
+            at += 1 + intSize;
+        }
+        std::uint64_t references = type == 0xD ? 2 * count : count;
+        if (count > objectCount_ * 2 || references > (offsetTable_ - at) / refSize_) return false;
+        children.reserve(references);
+        for (std::uint64_t i = 0; i < references; ++i) {
+            std::uint64_t child = readUnsigned(at + i * refSize_, refSize_);
+            if (child >= objectCount_) return false;
+            children.push_back(child);
+        }
+        return true;
+    }
+
+    // The depth below an object, found without recursion; kRefused when it is too
+    // deep, cyclic or malformed.
+    int depthFrom(std::uint64_t root) {
+        struct Frame {
+            std::uint64_t object;
+            std::vector<std::uint64_t> children;
+            std::size_t next = 0;
+            int deepest = 0;
+        };
+        std::vector<Frame> stack;
+        auto enter = [&](std::uint64_t object) {
+            Frame frame{object, {}, 0, 0};
+            if (!childrenOf(object, frame.children)) return false;
+            depthOf_[object] = kInProgress;
+            stack.push_back(std::move(frame));
+            return stack.size() <= static_cast<std::size_t>(kMaximumPlistNesting);
+        };
+        if (!enter(root)) return kRefused;
+        while (!stack.empty()) {
+            Frame& frame = stack.back();
+            if (frame.next == frame.children.size()) {
+                int depth = frame.children.empty() ? 0 : frame.deepest + 1;
+                depthOf_[frame.object] = depth;
+                stack.pop_back();
+                if (!stack.empty()) stack.back().deepest = std::max(stack.back().deepest, depth);
+                continue;
+            }
+            std::uint64_t child = frame.children[frame.next++];
+            int known = depthOf_[child];
+            if (known == kInProgress) return kRefused;
+            if (known >= 0) {
+                frame.deepest = std::max(frame.deepest, known);
+            } else if (!enter(child)) {
+                return kRefused;
+            }
+        }
+        return depthOf_[root];
+    }
+
+    std::string_view bytes_;
+    std::size_t offsetSize_ = 0;
+    std::size_t refSize_ = 0;
+    std::uint64_t objectCount_ = 0;
+    std::uint64_t topObject_ = 0;
+    std::uint64_t offsetTable_ = 0;
+    std::vector<int> depthOf_;
+};
 
 Value fromPlist(plist_t node, int depth);
 
@@ -179,6 +294,7 @@ Value parsePropertyList(std::string_view bytes) {
     auto length = static_cast<uint32_t>(bytes.size());
     plist_t raw = nullptr;
     if (plist_is_binary(bytes.data(), length)) {
+        if (!BinaryNestingCheck(bytes).acceptable()) return {};
         plist_from_bin(bytes.data(), length, &raw);
     } else {
         if (xmlNestsTooDeeply(bytes)) return {};

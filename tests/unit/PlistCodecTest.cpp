@@ -82,3 +82,66 @@ TEST(PlistCodec, ModerateNestingIsAccepted) {
     for (int i = 0; i < 100; ++i) tree = Value::array({tree});
     EXPECT_TRUE(whittle::parsePropertyList(whittle::xmlPropertyList(tree)).equals(tree));
 }
+
+namespace {
+
+void appendBigEndian(std::string& out, std::uint64_t value, int size) {
+    for (int shift = (size - 1) * 8; shift >= 0; shift -= 8) out += static_cast<char>((value >> shift) & 0xFF);
+}
+
+// A binary property list whose objects are one-element arrays, each holding the
+// next; the chain ends in a true, or with loopBack the last refers to the first.
+std::string chainedBinaryPlist(std::uint64_t count, bool loopBack) {
+    std::string out = "bplist00";
+    std::vector<std::uint64_t> offsets;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        offsets.push_back(out.size());
+        if (i + 1 == count && !loopBack) {
+            out += '\x09';
+        } else {
+            out += '\xA1';
+            appendBigEndian(out, (i + 1) % count, 4);
+        }
+    }
+    std::uint64_t table = out.size();
+    for (auto offset : offsets) appendBigEndian(out, offset, 4);
+    out += std::string(6, '\0');
+    out += '\x04';
+    out += '\x04';
+    appendBigEndian(out, count, 8);
+    appendBigEndian(out, 0, 8);
+    appendBigEndian(out, table, 8);
+    return out;
+}
+
+}  // namespace
+
+TEST(PlistCodec, DeeplyNestedBinaryIsRefusedWithoutCrashing) {
+    EXPECT_TRUE(whittle::parsePropertyList(chainedBinaryPlist(200000, false)).isNone());
+}
+
+TEST(PlistCodec, CyclicBinaryIsRefused) {
+    EXPECT_TRUE(whittle::parsePropertyList(chainedBinaryPlist(3, true)).isNone());
+}
+
+TEST(PlistCodec, ShallowBinaryChainIsAccepted) {
+    Value parsed = whittle::parsePropertyList(chainedBinaryPlist(4, false));
+    ASSERT_TRUE(parsed.isArray());
+    EXPECT_TRUE(parsed.at(0).at(0).at(0).is(Value::Kind::Boolean));
+}
+
+TEST(PlistCodec, RandomDamageNeverCrashes) {
+    Value tree = sampleTree();
+    for (int i = 0; i < 30; ++i) tree.set("key" + std::to_string(i), Value::stringArray({"a", "b", std::to_string(i)}));
+    const std::string encodings[] = {whittle::xmlPropertyList(tree), whittle::binaryPropertyList(tree)};
+    std::uint32_t seed = 12345;
+    auto next = [&seed] { return seed = seed * 1664525u + 1013904223u; };
+    for (int round = 0; round < 4000; ++round) {
+        std::string damaged = encodings[round % 2];
+        for (int hits = 1 + next() % 6; hits > 0; --hits) damaged[next() % damaged.size()] = static_cast<char>(next() >> 24);
+        if (next() % 3 == 0) damaged.resize(next() % damaged.size());
+        Value parsed = whittle::parsePropertyList(damaged);
+        if (!parsed.isNone()) (void)parsed.description();
+    }
+    SUCCEED();
+}
