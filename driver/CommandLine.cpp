@@ -8,6 +8,7 @@
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
 #include "support/PlistCodec.hpp"
+#include "support/ProcessInfo.hpp"
 
 namespace whittle {
 
@@ -304,7 +305,7 @@ std::string usageText(const std::string& programName) {
     line(format("%s [--source] <src> --validProducts", programName));
     line("");
     text += kVersionRecord;
-    line(format("Version %f, built %s %s", kToolVersion, __DATE__, __TIME__));
+    line(format("Version %f, built %s %s", kToolVersion, buildDate(), buildTime()));
     return text;
 }
 

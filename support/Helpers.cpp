@@ -58,6 +58,12 @@ bool hasSuffix(std::string_view text, std::string_view suffix, unsigned options)
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) { return sameIgnoringCase(a, b); }
 
+bool containsIgnoringCase(std::string_view text, std::string_view needle) {
+    auto found = std::search(text.begin(), text.end(), needle.begin(), needle.end(),
+                             [](char x, char y) { return foldCase(x) == foldCase(y); });
+    return found != text.end() || needle.empty();
+}
+
 int compareIgnoringCase(std::string_view a, std::string_view b) {
     std::size_t common = std::min(a.size(), b.size());
     for (std::size_t i = 0; i < common; ++i) {

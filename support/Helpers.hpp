@@ -47,6 +47,7 @@ bool hasSuffix(std::string_view text, std::string_view suffix, unsigned options)
 // ---- case-insensitive comparison ----
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
+bool containsIgnoringCase(std::string_view text, std::string_view needle);
 // <0, 0 or >0, comparing letters without regard to case.
 int compareIgnoringCase(std::string_view a, std::string_view b);
 // Sorts ascending without regard to case; names equal but for case keep their order.

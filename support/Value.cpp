@@ -68,6 +68,13 @@ const ValueArray* Value::asSetMembers() const {
     return set ? &set->members : nullptr;
 }
 
+const ValueArray& Value::elements() const {
+    static const ValueArray empty;
+    if (const auto* array = asArray()) return *array;
+    if (const auto* members = asSetMembers()) return *members;
+    return empty;
+}
+
 std::string_view Value::text() const {
     const auto* s = asString();
     return s ? std::string_view(*s) : std::string_view();

@@ -80,6 +80,10 @@ public:
     ValueDictionary* asMutableDictionary();
     const ValueArray* asSetMembers() const;
 
+    // An array's elements or a set's members; an empty list for anything else. The
+    // reference lives as long as the container does.
+    const ValueArray& elements() const;
+
     // A string's text, or "" for anything else.
     std::string_view text() const;
     // A number's value as a double (booleans as 0 or 1); 0 for anything else.

@@ -1,0 +1,16 @@
+// Path chores on bundle-relative paths ("Restore/Firmware/x.bin").
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace whittle {
+
+// "Restore/Firmware/x.bin" -> "Restore/Firmware"; "x.bin" -> ""; "/x" -> "/".
+std::string deletingLastPathComponent(std::string_view path);
+// "folder" + "/" + "name", or the bare name when the folder is "".
+std::string joinPath(std::string_view folder, std::string_view name);
+std::string lowercased(std::string_view text);
+std::string uppercased(std::string_view text);
+
+}  // namespace whittle

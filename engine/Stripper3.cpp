@@ -1,0 +1,284 @@
+#include "engine/Stripper3.hpp"
+
+#include <algorithm>
+#include <map>
+
+#include "engine/Catalogue.hpp"
+#include "support/Helpers.hpp"
+#include "support/LogObject.hpp"
+
+namespace whittle {
+
+Stripper3::Stripper3(std::string bundleRoot, const Value& products, const Value& factoryVariants,
+                     const Value& options)
+    : bundleRoot_(std::move(bundleRoot)),
+      stripInfo_(Value::dictionary()),
+      stripOptions_(Value::dictionary()),
+      buildManifest_(pathInBundle("Restore/BuildManifest.plist")),
+      restorePlist_(pathInBundle("Restore/Restore.plist")) {
+    stripInfo_.set("BundleRoot", Value::string(bundleRoot_));
+    if (products.isArray()) stripInfo_.set("Products", products.deepCopy());
+    if (factoryVariants.isArray()) stripInfo_.set("FactoryVariants", factoryVariants.deepCopy());
+    if (const auto* entries = options.asDictionary()) {
+        for (const auto& [key, value] : *entries) stripOptions_.set(key, value.deepCopy());
+    }
+    manifestObservation_ = buildManifest_.addObserver(
+        [this](std::string_view keyPath, const Value& newValue) { observeValueForKeyPath(keyPath, newValue); });
+}
+
+Stripper3::~Stripper3() { buildManifest_.removeObserver(manifestObservation_); }
+
+std::unique_ptr<Stripper> Stripper3::stripperForPath(const std::string& bundleRoot, const Value& products,
+                                                     const Value& factoryVariants, const Value& options) {
+    return std::make_unique<Stripper3>(bundleRoot, products, factoryVariants, options);
+}
+
+std::vector<std::string> Stripper3::knownProducts() { return Catalogue::builtIn().knownProducts(); }
+std::vector<std::string> Stripper3::knownFactoryVariants() { return Catalogue::builtIn().knownFactoryVariants(); }
+
+int Stripper3::strip() {
+    if (!loadBuildManifest()) return 1;
+    if (!restorePlist_.load()) {
+        Log("XXX ERROR: Restore.plist cannot be read.");
+        return 1;
+    }
+    if (int result = preanalyzeRequest()) return result;
+    return performWork(Value());
+}
+
+Value Stripper3::strippedManifest() {
+    std::vector<std::string> paths(copiedFilelist_.begin(), copiedFilelist_.end());
+    std::sort(paths.begin(), paths.end(),
+              [](const std::string& a, const std::string& b) { return compareIgnoringCase(a, b) < 0; });
+    return Value::stringArray(paths);
+}
+
+bool Stripper3::loadBuildManifest() {
+    if (buildManifest_.load()) return true;
+    Log("XXX ERROR: BuildManifest.plist cannot be read.");
+    return false;
+}
+
+std::string Stripper3::pathInBundle(std::string_view bundleRelativePath) const {
+    std::string path = bundleRoot_;
+    if (!path.empty() && path.back() != '/') path += '/';
+    path += bundleRelativePath;
+    return path;
+}
+
+bool Stripper3::option(std::string_view key) const { return boolForKey(stripOptions_, key); }
+
+Value Stripper3::requestedList(std::string_view key) const {
+    Value list = stripInfo_.get(key);
+    return list.isArray() ? list : Value::array();
+}
+
+Value Stripper3::deviceClassesFor(std::string_view product) const {
+    Value classes = Value::array();
+    if (!option("stripAPFirmware")) classes.append(Value::string(std::string(product) + "ap"));
+    if (option("keepDevFirmware")) classes.append(Value::string(std::string(product) + "dev"));
+    return classes;
+}
+
+void Stripper3::keepAll(const KeepList& keepList) { copiedFilelist_.insert(keepList.begin(), keepList.end()); }
+
+void Stripper3::keepAll(const std::vector<std::string>& paths) { copiedFilelist_.insert(paths.begin(), paths.end()); }
+
+// ---- request analysis ----
+
+namespace {
+
+// The names of a list that another list lacks, sorted for the message.
+std::vector<std::string> namesMissingFrom(const Value& requested, const Value& available) {
+    std::set<std::string> missing;
+    for (const auto& name : *requested.asArray()) {
+        bool found = false;
+        for (const auto& offered : *available.asArray()) found = found || offered.equals(name);
+        if (!found) missing.insert(name.description());
+    }
+    return {missing.begin(), missing.end()};
+}
+
+// A catalogue value as a list: a single string counts as a one-element array.
+ValueArray asList(const Value& value) {
+    if (const auto* array = value.asArray()) return *array;
+    if (value.isNone()) return {};
+    return {value};
+}
+
+void addAllToSet(Value& set, const Value& catalogueValue) {
+    for (const auto& element : asList(catalogueValue)) set.addToSet(element);
+}
+
+Value setAsArray(const Value& set) { return Value::array(*set.asSetMembers()); }
+
+Value copyWith(const Value& base, std::initializer_list<std::pair<const char*, Value>> entries) {
+    Value item = Value::dictionary(*base.asDictionary());
+    for (const auto& [key, value] : entries) item.set(key, value);
+    return item;
+}
+
+void setIfPresent(Value& item, const char* key, const Value& value) {
+    if (!value.isNone()) item.set(key, value);
+}
+
+}  // namespace
+
+int Stripper3::preanalyzeRequest() {
+    const Catalogue& catalogue = Catalogue::builtIn();
+    Value products = requestedList("Products");
+    Value variants = requestedList("FactoryVariants");
+    Value allProducts = Value::set(*products.asArray());
+    Value allDeviceClasses = Value::set();
+    Value allModels = Value::set();
+    Value allProcessorIDs = Value::set();
+    Value allPersonalizationVariants = Value::set();
+    workList_ = Value::array();
+
+    if (products.count() == 0) {
+        products = validProducts();
+        if (products.isNone()) products = Value::array();
+    }
+    Value valid = validProducts();
+    auto unknownProducts = namesMissingFrom(products, valid.isArray() ? valid : Value::array());
+    if (!unknownProducts.empty()) {
+        Log("XXX ERROR: products %@ not found.", niceDescriptionOfStrings(unknownProducts));
+        return 1;
+    }
+    Value validVariants = validFactoryVariants();
+    auto unknownVariants = namesMissingFrom(variants, validVariants.isArray() ? validVariants : Value::array());
+    if (!unknownVariants.empty()) {
+        Log("XXX ERROR: variants %@ not found.", niceDescriptionOfStrings(unknownVariants));
+        return 1;
+    }
+
+    for (const auto& productValue : *products.asArray()) {
+        std::string product = productValue.description();
+        Value deviceClasses = deviceClassesFor(product);
+        if (variants.count() == 0) {
+            variants = factoryVariantsForDeviceClasses(deviceClasses);
+            if (variants.isNone()) variants = Value::array();
+        }
+        Value model = catalogue.productValue(product + ".model");
+        Value processor = catalogue.productValue(product + ".processor");
+        for (const auto& deviceClass : *deviceClasses.asArray()) allDeviceClasses.addToSet(deviceClass);
+        if (!model.isNone()) allModels.addToSet(model);
+        if (!processor.isNone()) allProcessorIDs.addToSet(processor);
+
+        Value base = Value::dictionary();
+        base.set("workProduct", productValue);
+        base.set("workDeviceClasses", deviceClasses);
+        setIfPresent(base, "workModel", model);
+        setIfPresent(base, "workProcessorID", processor);
+
+        Value kernelCaches = Value::set(), firmwareTypes = Value::set(), dfuTypes = Value::set();
+        for (const auto& variantValue : *variants.asArray()) {
+            std::string variant = variantValue.description();
+            workList_.append(copyWith(base, {
+                {"workVariant", variantValue},
+                {"workSelector", Value::string("buildFilelistFromBuildManifest:")},
+                {"workName", Value::string(format("Strip Restore and BuildManifest.plist for %@ %@.", product, variant))},
+            }));
+            addAllToSet(kernelCaches, catalogue.factoryVariantValue(variant + ".KernelCaches"));
+            addAllToSet(firmwareTypes, catalogue.factoryVariantValue(variant + ".FirmwareTypes"));
+            addAllToSet(dfuTypes, catalogue.factoryVariantValue(variant + ".DFUTypes"));
+            Value personalization = catalogue.factoryVariantValue(variant + ".PersonalizationVariants");
+            if (!personalization.isNone()) allPersonalizationVariants.addToSet(personalization);
+        }
+        if (checkUnpersonalized()) {
+            workList_.append(copyWith(base, {
+                {"workKernelCachesList", setAsArray(kernelCaches)},
+                {"workFirmwareTypesList", setAsArray(firmwareTypes)},
+                {"workDFUTypesList", setAsArray(dfuTypes)},
+                {"workSelector", Value::string("updateFilelistForUnpersonalizedInstall:")},
+                {"workName", Value::string(format("Strip Restore for unpersonalized install for %@.", product))},
+            }));
+        }
+    }
+
+    Value wholeRun = Value::dictionary();
+    wholeRun.set("workAllProducts", allProducts);
+    wholeRun.set("workAllDeviceClasses", allDeviceClasses);
+    wholeRun.set("workAllModels", allModels);
+    wholeRun.set("workAllProcessorIDs", allProcessorIDs);
+    wholeRun.set("workAllPersonalizationVariants", allPersonalizationVariants);
+    const std::pair<const char*, const char*> closingSteps[] = {
+        {"Finish stripping BuildManifest.plist", "stripBuildManifest:"},
+        {"Cross check and strip Restore.plist", "stripRestorePlist:"},
+        {"Strip support files", "stripCommonWork:"},
+        {"Strip invisibles", "stripInvisibles:"},
+        {"Leaving cookie for Santa", "leaveCookie:"},
+    };
+    for (const auto& [name, selector] : closingSteps) {
+        workList_.append(copyWith(wholeRun, {{"workName", Value::string(name)}, {"workSelector", Value::string(selector)}}));
+    }
+
+    Log(">>> Work List");
+    LogObject::sharedLogger().PrettyPrint(workList_);
+    return 0;
+}
+
+bool Stripper3::checkUnpersonalized() const {
+    return option("checkUnpersonalized") || option("useRestorePlistInsteadOfBuildManifest");
+}
+
+Stripper3::WorkOperation Stripper3::operationNamed(std::string_view selector) {
+    static const std::map<std::string_view, WorkOperation> operations = {
+        {"buildFilelistFromBuildManifest:", &Stripper3::buildFilelistFromBuildManifest},
+        {"updateFilelistForUnpersonalizedInstall:", &Stripper3::updateFilelistForUnpersonalizedInstall},
+        {"stripBuildManifest:", &Stripper3::stripBuildManifest},
+        {"stripRestorePlist:", &Stripper3::stripRestorePlist},
+        {"stripCommonWork:", &Stripper3::stripCommonWork},
+        {"stripInvisibles:", &Stripper3::stripInvisibles},
+        {"leaveCookie:", &Stripper3::leaveCookie},
+        {"stripRestoreFirmwareDeviceMapDotTxt:", &Stripper3::stripRestoreFirmwareDeviceMapDotTxt},
+        {"stripRestoreFirmwareDeviceMapDotPlist:", &Stripper3::stripRestoreFirmwareDeviceMapDotPlist},
+        {"stripRestoreFirmwareTargetMapDotTxt:", &Stripper3::stripRestoreFirmwareTargetMapDotTxt},
+        {"stripRestoreFirmwarePlatformKeysDotPlist:", &Stripper3::stripRestoreFirmwarePlatformKeysDotPlist},
+        {"stripFWPKs:", &Stripper3::stripFWPKs},
+        {"stripDebugFolder:", &Stripper3::stripDebugFolder},
+        {"stripHomeDiags:", &Stripper3::stripHomeDiags},
+        {"stripSDKs:", &Stripper3::stripSDKs},
+        {"stripBundleImages:", &Stripper3::stripBundleImages},
+        {"stripRestoreTools:", &Stripper3::stripRestoreTools},
+        {"stripFactoryDiskImage:", &Stripper3::stripFactoryDiskImage},
+    };
+    auto found = operations.find(selector);
+    return found == operations.end() ? nullptr : found->second;
+}
+
+int Stripper3::performWork(const Value&) {
+    const auto* items = workList_.asArray();
+    if (!items) return 0;
+    int result = 0;
+    for (std::size_t i = 0; i < items->size(); ++i) {
+        const Value& item = (*items)[i];
+        Log(">>> ========== %2d/%2d %@ ==========", i + 1, items->size(), item.get("workName"));
+        WorkOperation operation = operationNamed(item.get("workSelector").text());
+        if (!operation) {
+            Log("XXX ERROR: no operation %@.", item.get("workSelector"));
+            return 1;
+        }
+        result = (this->*operation)(item);
+        if (result != 0) return result;
+    }
+    return result;
+}
+
+int Stripper3::stripCommonWork(const Value& item) {
+    static const char* const steps[] = {
+        "stripRestoreFirmwareDeviceMapDotTxt:", "stripRestoreFirmwareDeviceMapDotPlist:",
+        "stripRestoreFirmwareTargetMapDotTxt:", "stripRestoreFirmwarePlatformKeysDotPlist:",
+        "stripFWPKs:", "stripDebugFolder:", "stripHomeDiags:", "stripSDKs:", "stripBundleImages:",
+        "stripRestoreTools:", "stripFactoryDiskImage:",
+    };
+    Value copy = Value::dictionary(*item.asDictionary());
+    int result = 0;
+    for (const char* step : steps) {
+        result = (this->*operationNamed(step))(copy);
+        if (result != 0) return result;
+    }
+    return result;
+}
+
+}  // namespace whittle

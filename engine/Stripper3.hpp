@@ -1,0 +1,137 @@
+// The default strip engine. It decides from the bundle's manifests and the catalogue
+// which files a request keeps, and which files get new content, through a work list
+// of steps run in order. The bundle is only ever read.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "engine/Stripper.hpp"
+#include "support/PropertyList.hpp"
+#include "support/Value.hpp"
+
+namespace whittle {
+
+using KeepList = std::unordered_set<std::string>;
+
+class Stripper3 : public Stripper {
+public:
+    Stripper3(std::string bundleRoot, const Value& products, const Value& factoryVariants, const Value& options);
+    ~Stripper3() override;
+
+    static std::unique_ptr<Stripper> stripperForPath(const std::string& bundleRoot, const Value& products,
+                                                     const Value& factoryVariants, const Value& options);
+    static std::vector<std::string> knownProducts();
+    static std::vector<std::string> knownFactoryVariants();
+
+    int strip() override;
+    Value validProducts() override;
+    Value validFactoryVariants() override;
+    Value bundleRoot() const override { return Value::string(bundleRoot_); }
+    Value strippedManifest() override;
+    Value modifiedFiles() override { return modifiedFilelist_; }
+
+    // ---- request analysis and the work list ----
+    int preanalyzeRequest();
+    int performWork(const Value& unused);
+    bool checkUnpersonalized() const;
+    int stripCommonWork(const Value& item);
+    const Value& workList() const { return workList_; }
+
+    // ---- valid products and variants ----
+    Value factoryVariantsForDeviceClasses(const Value& deviceClasses);
+
+    // ---- the build manifest ----
+    void observeValueForKeyPath(std::string_view keyPath, const Value& newValue);
+    void buildHierarchicalBuildIdentities();
+    static Value flattenBuildIdentities(const Value& index);
+    std::vector<std::string> submanifestStartingAt(const std::string& folder);
+    std::vector<std::string> submanifestStartingAt(const std::string& folder, bool deep);
+    static int addSubpathToKeepList(std::string_view path, KeepList& keepList);
+    int buildFilelistFromBuildManifest(const Value& item);
+    int stripBuildManifest(const Value& item);
+
+    // ---- unpersonalized installs ----
+    int updateFilelistForUnpersonalizedInstall(const Value& item);
+
+    // ---- Restore.plist ----
+    int stripRestorePlist(const Value& item);
+
+    // ---- firmware maps ----
+    int stripRestoreFirmwareDeviceMapDotTxt(const Value& item);
+    int stripRestoreFirmwareDeviceMapDotPlist(const Value& item);
+    int stripRestoreFirmwareTargetMapDotTxt(const Value& item);
+    int stripRestoreFirmwarePlatformKeysDotPlist(const Value& item);
+
+    // ---- bundle content ----
+    int stripDebugFolder(const Value& item);
+    int stripBundleImages(const Value& item);
+    int stripHomeDiags(const Value& item);
+    int stripSDKs(const Value& item);
+    int stripFactoryDiskImage(const Value& item);
+    int stripFWPKs(const Value& item);
+    int stripRestoreTools(const Value& item);
+    int stripInvisibles(const Value& item);
+
+    // ---- cookie ----
+    int leaveCookie(const Value& item);
+
+    // ---- fields ----
+    const Value& stripInfo() const { return stripInfo_; }
+    const Value& stripOptions() const { return stripOptions_; }
+    PropertyList& buildManifest() { return buildManifest_; }
+    PropertyList& restorePlist() { return restorePlist_; }
+    const Value& originalBuildIdentities() const { return originalBuildIdentities_; }
+    const Value& strippedBuildIdentities() const { return strippedBuildIdentities_; }
+    const std::set<std::string>& restoreImagesSet() const { return restoreImagesSet_; }
+    const std::set<std::string>& kernelCachesSet() const { return kernelCachesSet_; }
+    const std::set<std::string>& ramDisksSet() const { return ramDisksSet_; }
+    const KeepList& copiedFilelist() const { return copiedFilelist_; }
+
+private:
+    using WorkOperation = int (Stripper3::*)(const Value&);
+    static WorkOperation operationNamed(std::string_view selector);
+
+    bool option(std::string_view key) const;
+    Value requestedList(std::string_view key) const;
+    Value deviceClassesFor(std::string_view product) const;
+    bool loadBuildManifest();
+    std::string pathInBundle(std::string_view bundleRelativePath) const;
+    void keepAll(const KeepList& keepList);
+    void keepAll(const std::vector<std::string>& paths);
+    int keepFolderListingWhenAsked(std::string_view optionKey, const std::string& folder, const char* message);
+    int keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* message,
+                                 bool messageNamesTarget);
+    int stripFirmwareTextMap(const Value& item, const char* keysName, bool isDeviceMap);
+
+    int chooseIdentities(const Value& item, Value& chosen);
+    int keepBasebandFirmware(std::string_view product, const Value& identity, KeepList& keep);
+    void keepManifestItems(const Value& item, const Value& identity, KeepList& keep, Value& links);
+    bool keepUnpersonalizedKernelCaches(const Value& item, KeepList& keep);
+    bool keepUnpersonalizedFolders(const Value& item, const char* folder, const char* kindsKey, const char* kindName,
+                                   KeepList& keep);
+    bool keepUnpersonalizedBaseband(std::string_view product, KeepList& keep);
+
+    std::string bundleRoot_;
+    Value stripInfo_;
+    Value stripOptions_;
+    PropertyList buildManifest_;
+    PropertyList restorePlist_;
+    PropertyList::ObserverToken manifestObservation_ = 0;
+    Value originalBuildIdentities_;
+    Value strippedBuildIdentities_ = Value::dictionary();
+    std::set<std::string> restoreImagesSet_;
+    std::set<std::string> kernelCachesSet_;
+    std::set<std::string> ramDisksSet_;
+    std::map<std::string, std::vector<std::string>> shallowPathContentsCache_;
+    KeepList copiedFilelist_;
+    Value modifiedFilelist_ = Value::dictionary();
+    Value workList_;
+};
+
+}  // namespace whittle
