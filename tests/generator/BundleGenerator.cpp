@@ -140,12 +140,13 @@ private:
             for (const auto& variant : product.factoryVariants) {
                 std::string personalization = personalizationOf(variant);
                 if (!done.insert(personalization).second) continue;
-                for (int i = 0; i < product.identitiesPerVariant; ++i) addIdentity(product.product, deviceClass, variant, i);
+                for (int i = 0; i < product.identitiesPerVariant; ++i) addIdentity(product, deviceClass, variant, i);
             }
         }
     }
 
-    void addIdentity(const std::string& product, const std::string& deviceClass, const std::string& variant, int index) {
+    void addIdentity(const ProductPlan& plan, const std::string& deviceClass, const std::string& variant, int index) {
+        const std::string& product = plan.product;
         IdentityFacts facts{product, deviceClass, personalizationOf(variant), osImageTypeOf(variant), {}, {}};
         auto firmwareTypes = listOf(catalogue().factoryVariantValue(variant + ".FirmwareTypes"));
         facts.firmwareFolder = "Firmware/all_flash/all_flash." + deviceClass + "." +
@@ -168,7 +169,7 @@ private:
         manifest.set("LLB", item(facts.firmwareFolder + "/LLB." + deviceClass + ".RELEASE.img3"));
         manifest.set("iBSS", item("Firmware/dfu/iBSS." + deviceClass + ".RELEASE.dfu"));
         auto prefixes = listOf(catalogue().productValue(product + ".BasebandFirmwarePrefix"));
-        if (!prefixes.empty()) manifest.set("BasebandFirmware", item("Firmware/" + prefixes.front() + "-" + product + ".bbfw"));
+        if (!prefixes.empty() && plan.basebandFiles) manifest.set("BasebandFirmware", item("Firmware/" + prefixes.front() + "-" + product + ".bbfw"));
         for (int k = 0; k < plan_.extraFilesPerIdentity; ++k) {
             manifest.set("Extra" + std::to_string(k), item("Firmware/extra/" + facts.tag + "-" + std::to_string(k) + ".bin"));
         }

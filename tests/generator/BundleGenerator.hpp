@@ -16,6 +16,7 @@ struct ProductPlan {
     bool development = false;                  // identities for product + "dev"
     std::vector<std::string> factoryVariants;  // catalogue variants whose identities the bundle carries
     int identitiesPerVariant = 1;
+    bool basebandFiles = true;                 // the product's baseband firmware, named by its identities
 };
 
 struct SupportPlan {
