@@ -153,6 +153,9 @@ private:
                                (firmwareTypes.empty() ? std::string("production") : firmwareTypes.front());
         facts.tag = deviceClass + "-" + slug(facts.personalization) + "-" + std::to_string(index);
         firmwareFolders_.insert(facts.firmwareFolder);
+        for (const auto& dfuType : listOf(catalogue().factoryVariantValue(variant + ".DFUTypes"))) {
+            bootLoaders_.insert("Firmware/dfu/iBEC." + deviceClass + "." + dfuType + ".dfu");
+        }
 
         std::string processor(catalogue().productValue(product + ".processor").text());
         std::string osImage = systemImageName(deviceClass, facts.personalization, index);
@@ -244,9 +247,9 @@ private:
 
     void writeUnpersonalizedLayout() {
         std::set<std::string> processors;
+        for (const auto& bootLoader : bootLoaders_) writer_.file("Restore/" + bootLoader);
         for (const auto& [product, deviceClass] : deviceClasses_) {
             processors.insert(std::string(catalogue().productValue(product + ".processor").text()));
-            writer_.file("Restore/Firmware/dfu/iBEC." + deviceClass + ".DEVELOPMENT.dfu");
             writer_.file("Restore/Firmware/all_flash/all_flash." + deviceClass + ".debug/iBoot.debug.img3");
         }
         for (const auto& processor : processors) {
@@ -316,7 +319,7 @@ private:
     Writer writer_;
     Value identities_ = Value::array();
     std::vector<std::pair<std::string, std::string>> deviceClasses_;
-    std::set<std::string> models_, products_, osImages_, firmwareFolders_;
+    std::set<std::string> models_, products_, osImages_, firmwareFolders_, bootLoaders_;
     TwoLevels kernelCachesByPlatform_, kernelCachesByTarget_, ramDisksByPlatform_, imagesByTarget_;
 };
 
