@@ -1,0 +1,2 @@
+Restore/kernelcache.release.x10
+Restore/kernelcache.release.x10

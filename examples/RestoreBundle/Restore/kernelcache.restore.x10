@@ -1,0 +1,2 @@
+Restore/kernelcache.restore.x10
+Restore/kernelcache.restore.x10
