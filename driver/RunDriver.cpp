@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <vector>
 
 #include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
@@ -146,6 +147,20 @@ int stripAndReport(const RunRequest& request, Stripper& engine) {
     return 1;
 }
 
+// The run's engine stays reachable until the process ends and is never torn down:
+// freeing a manifest of many megabytes node by node would cost a good part of a run
+// that is about to end anyway.
+void keepUntilExit(std::unique_ptr<Stripper> engine) {
+    static std::vector<Stripper*> kept;
+    kept.push_back(engine.release());
+}
+
+int runWithEngine(RunRequest& request, std::unique_ptr<Stripper>& engine) {
+    if (request.validProductsMode) return reportValidProducts(*engine);
+    if (request.validVariantsMode) return reportValidVariants(request, engine);
+    return stripAndReport(request, *engine);
+}
+
 }  // namespace
 
 int runRequest(RunRequest& request) {
@@ -155,9 +170,9 @@ int runRequest(RunRequest& request) {
         Log("XXX ERROR: cannot create stripper.");
         return 22;
     }
-    if (request.validProductsMode) return reportValidProducts(*engine);
-    if (request.validVariantsMode) return reportValidVariants(request, engine);
-    return stripAndReport(request, *engine);
+    int status = runWithEngine(request, engine);
+    keepUntilExit(std::move(engine));
+    return status;
 }
 
 void saveLog(int status) {

@@ -63,19 +63,22 @@ std::optional<std::string> readWholeFile(const std::string& path) {
     if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
     if (static_cast<std::uint64_t>(info.st_size) > kLargestReadableFile) return std::nullopt;
 
-    std::string content;
-    content.reserve(static_cast<std::size_t>(info.st_size));
-    std::vector<char> buffer(1 << 16);
+    // Read straight into a buffer of the file's size; a file that grows meanwhile is
+    // read on to its end.
+    std::string content(static_cast<std::size_t>(info.st_size), '\0');
+    std::size_t filled = 0;
     for (;;) {
-        ssize_t got = ::read(fd.get(), buffer.data(), buffer.size());
+        if (filled == content.size()) content.resize(content.size() + (1 << 16));
+        ssize_t got = ::read(fd.get(), content.data() + filled, content.size() - filled);
         if (got < 0) {
             if (errno == EINTR) continue;
             return std::nullopt;
         }
         if (got == 0) break;
-        content.append(buffer.data(), static_cast<std::size_t>(got));
-        if (content.size() > kLargestReadableFile) return std::nullopt;
+        filled += static_cast<std::size_t>(got);
+        if (filled > kLargestReadableFile) return std::nullopt;
     }
+    content.resize(filled);
     return content;
 }
 

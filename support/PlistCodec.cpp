@@ -75,33 +75,28 @@ private:
         return value;
     }
 
-    // The references an object holds (none for scalars); false when it is malformed.
-    bool childrenOf(std::uint64_t object, std::vector<std::uint64_t>& children) const {
-        children.clear();
+    // Where an object's references start and how many there are (none for scalars);
+    // false when the object is malformed.
+    bool referencesOf(std::uint64_t object, std::size_t& start, std::uint64_t& count) const {
+        count = 0;
         std::uint64_t offset = readUnsigned(offsetTable_ + object * offsetSize_, offsetSize_);
         if (offset >= offsetTable_) return false;
         auto marker = static_cast<unsigned char>(bytes_[offset]);
         unsigned type = marker >> 4;
         if (type != 0xA && type != 0xC && type != 0xD) return true;
-        std::uint64_t count = marker & 0xF;
+        std::uint64_t entries = marker & 0xF;
         std::size_t at = offset + 1;
-        if (count == 0xF) {
+        if (entries == 0xF) {
             if (at >= offsetTable_) return false;
             auto intMarker = static_cast<unsigned char>(bytes_[at]);
             std::size_t intSize = std::size_t{1} << (intMarker & 0xF);
             if ((intMarker >> 4) != 0x1 || intSize > 8 || at + 1 + intSize > offsetTable_) return false;
-            count = readUnsigned(at + 1, intSize);
+            entries = readUnsigned(at + 1, intSize);
             at += 1 + intSize;
         }
-        std::uint64_t references = type == 0xD ? 2 * count : count;
-        if (count > objectCount_ * 2 || references > (offsetTable_ - at) / refSize_) return false;
-        children.reserve(references);
-        for (std::uint64_t i = 0; i < references; ++i) {
-            std::uint64_t child = readUnsigned(at + i * refSize_, refSize_);
-            if (child >= objectCount_) return false;
-            children.push_back(child);
-        }
-        return true;
+        count = type == 0xD ? 2 * entries : entries;
+        start = at;
+        return entries <= objectCount_ * 2 && count <= (offsetTable_ - at) / refSize_;
     }
 
     // The depth below an object, found without recursion; kRefused when it is too
@@ -109,29 +104,31 @@ private:
     int depthFrom(std::uint64_t root) {
         struct Frame {
             std::uint64_t object;
-            std::vector<std::uint64_t> children;
-            std::size_t next = 0;
-            int deepest = 0;
+            std::size_t references;
+            std::uint64_t count;
+            std::uint64_t next;
+            int deepest;
         };
         std::vector<Frame> stack;
         auto enter = [&](std::uint64_t object) {
-            Frame frame{object, {}, 0, 0};
-            if (!childrenOf(object, frame.children)) return false;
+            Frame frame{object, 0, 0, 0, 0};
+            if (!referencesOf(object, frame.references, frame.count)) return false;
             depthOf_[object] = kInProgress;
-            stack.push_back(std::move(frame));
+            stack.push_back(frame);
             return stack.size() <= static_cast<std::size_t>(kMaximumPlistNesting);
         };
         if (!enter(root)) return kRefused;
         while (!stack.empty()) {
             Frame& frame = stack.back();
-            if (frame.next == frame.children.size()) {
-                int depth = frame.children.empty() ? 0 : frame.deepest + 1;
+            if (frame.next == frame.count) {
+                int depth = frame.count == 0 ? 0 : frame.deepest + 1;
                 depthOf_[frame.object] = depth;
                 stack.pop_back();
                 if (!stack.empty()) stack.back().deepest = std::max(stack.back().deepest, depth);
                 continue;
             }
-            std::uint64_t child = frame.children[frame.next++];
+            std::uint64_t child = readUnsigned(frame.references + frame.next++ * refSize_, refSize_);
+            if (child >= objectCount_) return kRefused;
             int known = depthOf_[child];
             if (known == kInProgress) return kRefused;
             if (known >= 0) {
@@ -167,7 +164,8 @@ Value arrayFromPlist(plist_t node, int depth) {
 }
 
 Value dictionaryFromPlist(plist_t node, int depth) {
-    ValueDictionary entries;
+    ValueDictionary::Entries entries;
+    entries.reserve(plist_dict_get_size(node));
     plist_dict_iter iter = nullptr;
     plist_dict_new_iter(node, &iter);
     if (!iter) return {};
@@ -183,10 +181,10 @@ Value dictionaryFromPlist(plist_t node, int depth) {
             complete = false;
             break;
         }
-        entries.insert_or_assign(std::string(key.get()), std::move(element));
+        entries.emplace_back(std::string(key.get()), std::move(element));
     }
     std::free(iter);
-    return complete ? Value::dictionary(std::move(entries)) : Value();
+    return complete ? Value::dictionary(ValueDictionary::fromEntries(std::move(entries))) : Value();
 }
 
 Value scalarFromPlist(plist_t node) {

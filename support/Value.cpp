@@ -7,6 +7,48 @@
 
 namespace whittle {
 
+// ---- ValueDictionary ----
+
+ValueDictionary ValueDictionary::fromEntries(Entries entries) {
+    auto byKey = [](const Entry& a, const Entry& b) { return a.first < b.first; };
+    if (!std::is_sorted(entries.begin(), entries.end(), byKey)) std::stable_sort(entries.begin(), entries.end(), byKey);
+    // Of equal keys keep the last: walk backwards, keeping the first seen of each.
+    Entries unique;
+    unique.reserve(entries.size());
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+        if (unique.empty() || unique.back().first != it->first) unique.push_back(std::move(*it));
+    }
+    std::reverse(unique.begin(), unique.end());
+    ValueDictionary dictionary;
+    dictionary.entries_ = std::move(unique);
+    return dictionary;
+}
+
+ValueDictionary::iterator ValueDictionary::lowerBound(std::string_view key) {
+    return std::lower_bound(entries_.begin(), entries_.end(), key,
+                            [](const Entry& entry, std::string_view k) { return entry.first < k; });
+}
+
+ValueDictionary::iterator ValueDictionary::find(std::string_view key) {
+    auto found = lowerBound(key);
+    return (found != entries_.end() && found->first == key) ? found : entries_.end();
+}
+
+ValueDictionary::const_iterator ValueDictionary::find(std::string_view key) const {
+    return const_cast<ValueDictionary*>(this)->find(key);
+}
+
+std::pair<ValueDictionary::iterator, bool> ValueDictionary::emplace(std::string key, Value value) {
+    auto position = lowerBound(key);
+    if (position != entries_.end() && position->first == key) return {position, false};
+    return {entries_.emplace(position, std::move(key), std::move(value)), true};
+}
+
+void ValueDictionary::insert_or_assign(std::string key, Value value) {
+    auto [position, added] = emplace(std::move(key), value);
+    if (!added) position->second = std::move(value);
+}
+
 // The payload alternatives stand in the order of Value::Kind.
 struct Value::Node {
     using Payload = std::variant<std::string, std::int64_t, double, bool, Date, Data, ValueArray,
@@ -22,6 +64,7 @@ Value Value::boolean(bool flag) { return Value(std::make_shared<Node>(flag)); }
 Value Value::date(Date when) { return Value(std::make_shared<Node>(when)); }
 Value Value::data(std::string bytes) { return Value(std::make_shared<Node>(Data{std::move(bytes)})); }
 Value Value::array(ValueArray elements) { return Value(std::make_shared<Node>(std::move(elements))); }
+Value Value::dictionary() { return dictionary(ValueDictionary()); }
 Value Value::dictionary(ValueDictionary entries) {
     return Value(std::make_shared<Node>(std::move(entries)));
 }
@@ -206,9 +249,10 @@ Value Value::deepCopy() const {
             return Value::array(std::move(copy));
         }
         case Kind::Dictionary: {
-            ValueDictionary copy;
-            for (const auto& [key, element] : *asDictionary()) copy.emplace_hint(copy.end(), key, element.deepCopy());
-            return Value::dictionary(std::move(copy));
+            ValueDictionary::Entries copy;
+            copy.reserve(asDictionary()->size());
+            for (const auto& [key, element] : *asDictionary()) copy.emplace_back(key, element.deepCopy());
+            return Value::dictionary(ValueDictionary::fromEntries(std::move(copy)));
         }
         case Kind::Set: {
             Value copy(std::make_shared<Node>(ValueSet{}));

@@ -7,7 +7,7 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,7 +19,7 @@ namespace whittle {
 class Value;
 
 using ValueArray = std::vector<Value>;
-using ValueDictionary = std::map<std::string, Value, std::less<>>;
+class ValueDictionary;
 
 // A date as seconds since 2001-01-01 00:00:00 UTC, the property-list epoch.
 struct Date {
@@ -50,7 +50,8 @@ public:
     static Value date(Date when);
     static Value data(std::string bytes);
     static Value array(ValueArray elements = {});
-    static Value dictionary(ValueDictionary entries = {});
+    static Value dictionary();
+    static Value dictionary(ValueDictionary entries);
     static Value set(ValueArray members = {});
     // An array of strings, for the many lists of names and paths.
     static Value stringArray(const std::vector<std::string>& texts);
@@ -119,5 +120,38 @@ private:
 
 // The name of a value's kind, for messages ("string", "dictionary", ...).
 const char* kindName(const Value& value);
+
+// A dictionary's entries, kept sorted by key in one flat array: property-list
+// dictionaries are small and read far more often than they change, and a manifest
+// holds many thousands of them.
+class ValueDictionary {
+public:
+    using Entry = std::pair<std::string, Value>;
+    using Entries = std::vector<Entry>;
+    using iterator = Entries::iterator;
+    using const_iterator = Entries::const_iterator;
+
+    ValueDictionary() = default;
+    // Takes entries in any order; of equal keys the last one stays.
+    static ValueDictionary fromEntries(Entries entries);
+
+    iterator begin() { return entries_.begin(); }
+    iterator end() { return entries_.end(); }
+    const_iterator begin() const { return entries_.begin(); }
+    const_iterator end() const { return entries_.end(); }
+    std::size_t size() const { return entries_.size(); }
+    bool empty() const { return entries_.empty(); }
+
+    iterator find(std::string_view key);
+    const_iterator find(std::string_view key) const;
+    // Adds the entry unless the key is present; answers where it stands and whether it was added.
+    std::pair<iterator, bool> emplace(std::string key, Value value);
+    void insert_or_assign(std::string key, Value value);
+    iterator erase(const_iterator position) { return entries_.erase(position); }
+
+private:
+    iterator lowerBound(std::string_view key);
+    Entries entries_;
+};
 
 }  // namespace whittle
