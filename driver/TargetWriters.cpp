@@ -1,0 +1,143 @@
+#include "driver/TargetWriters.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <random>
+
+#include "driver/CommandLine.hpp"
+#include "driver/ToolPaths.hpp"
+#include "support/ContainedPaths.hpp"
+#include "support/FileSystem.hpp"
+#include "support/LogObject.hpp"
+#include "support/PlistCodec.hpp"
+#include "tools/TaskHelper.hpp"
+
+namespace whittle {
+
+namespace {
+
+// Each line of the file list is formatted into a buffer of this size, so a longer
+// line is cut short, its line end included.
+constexpr std::size_t kFileListLineBuffer = 1024;
+
+// Creates a new file from a template whose trailing X's become a unique suffix.
+int createFromTemplate(const std::string& pattern, std::string& path) {
+    static const char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    static std::mt19937_64 random(std::random_device{}());
+    std::size_t suffix = pattern.size() - pattern.find_last_not_of('X') - 1;
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        path = pattern;
+        for (std::size_t i = path.size() - suffix; i < path.size(); ++i) path[i] = letters[random() % (sizeof letters - 1)];
+        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd >= 0 || errno != EEXIST) return fd;
+    }
+    errno = EEXIST;
+    return -1;
+}
+
+std::string fileListLine(const std::string& text) {
+    return text.size() < kFileListLineBuffer ? text : text.substr(0, kFileListLineBuffer - 1);
+}
+
+int runPlatformTool(const std::string& path, const std::vector<std::string>& arguments) {
+    return runTool(path.c_str(), &arguments, nullptr, nullptr, nullptr, verboseMode == 1);
+}
+
+int makeBom(const std::string& fileList, const std::string& bomPath) {
+    int status = runPlatformTool(bomToolPath(), {"-s", "-i", fileList, bomPath});
+    ::unlink(fileList.c_str());
+    if (status != 0) Log("XXX ERROR: unable to create BOM.");
+    return status;
+}
+
+}  // namespace
+
+int writeFileListToTempFile(Stripper& engine, std::string& pathBuffer) {
+    Value manifest = engine.strippedManifest();
+    Log(">>> writeFileListToTempFile.");
+    LogObject::sharedLogger().PrettyPrint(manifest);
+    int fd = createFromTemplate(kFileListTemplate, pathBuffer);
+    if (fd < 0) {
+        int error = errno;
+        Log("XXX ERROR: unable to create temporary file list.");
+        pathBuffer.clear();
+        return error;
+    }
+    std::string list = ".\n";
+    for (const auto& path : manifest.elements()) list += fileListLine(format("./%s\n", path));
+    std::string_view remaining = list;
+    while (!remaining.empty()) {
+        ssize_t written = ::write(fd, remaining.data(), remaining.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) break;
+        remaining.remove_prefix(static_cast<std::size_t>(written));
+    }
+    ::close(fd);
+    return 0;
+}
+
+int createBomFromManifest(Stripper& engine, const std::string& bomPath) {
+    std::string fileList;
+    if (int status = writeFileListToTempFile(engine, fileList)) return status;
+    return makeBom(fileList, bomPath);
+}
+
+int copyBundleThroughBom(Stripper& engine, const std::string& destination) {
+    std::string fileList;
+    if (int status = writeFileListToTempFile(engine, fileList)) return status;
+    std::string bomPath = fileList + ".bom";
+    if (int status = makeBom(fileList, bomPath)) return status;
+
+    int status = runPlatformTool(copyToolPath(), {"-vV", "--noextattr", "--noacl", "--bom", bomPath,
+                                                  std::string(engine.bundleRoot().text()), destination});
+    ::unlink(bomPath.c_str());
+    if (status != 0) {
+        Log("XXX ERROR: copying manifest to target failed.");
+        return status;
+    }
+    runPlatformTool(chmodToolPath(), {"-R", "-v", "-v", "u+rw", destination});
+    return 0;
+}
+
+int applyModifiedFiles(const Value& modifiedFiles, const std::string& destination, bool noSymLinks) {
+    int result = 0;
+    const auto* entries = modifiedFiles.asDictionary();
+    if (!entries) return 0;
+    for (const auto& [relative, content] : *entries) {
+        std::string name = lastPathComponent(relative);
+        std::string error;
+        if (content.isString()) {
+            Log(">>> updating text file \"%@\".", name);
+            LogObject::sharedLogger().PrettyPrint(content);
+            if (!writeContainedFile(destination, relative, content.text(), error)) {
+                Log("XXX ERROR: unable to update file - %@.", error);
+                return 1;
+            }
+        } else if (const auto* link = content.asData()) {
+            if (noSymLinks) continue;
+            Log(">>> symlinking \"%@\" -> \"%@\".", name, link->bytes);
+            if (!makeContainedSymlink(destination, relative, link->bytes, error)) {
+                Log("XXX ERROR: unable to create symlink - %@.", error);
+                result = 1;
+            }
+        } else if (content.isDictionary()) {
+            Log(">>> updating plist file \"%@\".", name);
+            LogObject::sharedLogger().PrettyPrint(content);
+            std::string xml = xmlPropertyList(content);
+            if (xml.empty()) {
+                Log("XXX ERROR: unable to serialize plist - %@.", std::string("the property list could not be written"));
+                result = 1;
+            } else if (!writeContainedFile(destination, relative, xml, error)) {
+                Log("XXX ERROR: unable to update plist - %@.", error);
+                result = 1;
+            }
+        } else {
+            Log("!!! WARNING: skipping update of \"%@\".", destination + "/" + relative);
+        }
+    }
+    return result;
+}
+
+}  // namespace whittle

@@ -1,0 +1,29 @@
+// Turning an engine's result into files: the kept paths as a file list and a BOM, a
+// copy of the bundle through that BOM, and the modified files written over a copy.
+#pragma once
+
+#include <string>
+
+#include "engine/Stripper.hpp"
+#include "support/Value.hpp"
+
+namespace whittle {
+
+inline constexpr const char* kFileListTemplate = "/tmp/whittle.XXXXXXXXXX";
+
+// Writes "." and then "./PATH" for every kept path into a new file named after the
+// template. Answers 0 with the name in pathBuffer, or the system error number with
+// pathBuffer emptied.
+int writeFileListToTempFile(Stripper& engine, std::string& pathBuffer);
+
+// Makes a BOM of the kept paths at bomPath with the BOM tool.
+int createBomFromManifest(Stripper& engine, const std::string& bomPath);
+
+// Copies exactly the kept paths from the bundle into the destination folder.
+int copyBundleThroughBom(Stripper& engine, const std::string& destination);
+
+// Writes each modified file below the destination: text, property list or link.
+// Answers 0 when every entry was written, else 1.
+int applyModifiedFiles(const Value& modifiedFiles, const std::string& destination, bool noSymLinks);
+
+}  // namespace whittle
