@@ -67,6 +67,7 @@ void drainInto(int fd, std::string& sink, bool& open) {
     ::dup2(outFd, 1);
     ::dup2(errFd, 2);
     if (!options.workingDirectory.empty() && ::chdir(options.workingDirectory.c_str()) != 0) _exit(126);
+    for (const auto& [name, value] : options.environment) ::setenv(name.c_str(), value.c_str(), 1);
     std::vector<char*> args;
     for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);

@@ -36,6 +36,7 @@ struct RunOptions {
     bool stderrOnTerminal = false;  // standard error goes to a pseudo-terminal
     std::string workingDirectory;   // empty: the test's own
     int timeoutSeconds = 120;
+    std::vector<std::pair<std::string, std::string>> environment;  // variables set for the program
 };
 
 ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
