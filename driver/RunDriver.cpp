@@ -41,8 +41,8 @@ std::unique_ptr<Stripper> createEngine(const RunRequest& request) {
 // freeing a manifest of many megabytes node by node would cost a good part of a run
 // that is about to end anyway.
 void keepUntilExit(std::unique_ptr<Stripper> engine) {
-    static std::vector<Stripper*> kept;
-    if (engine) kept.push_back(engine.release());
+    static auto* kept = new std::vector<Stripper*>();  // never destroyed, so never unreachable
+    if (engine) kept->push_back(engine.release());
 }
 
 // A timestamped diagnostic line on standard error, outside the shared logger.
