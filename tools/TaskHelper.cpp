@@ -37,9 +37,20 @@ TaskHelper::TaskHelper(ChildTask task) : task_(std::move(task)) {}
 int TaskHelper::run() {
     setThreadDone(false);
     std::thread worker([this] { taskThread(); });
-    while (!threadDone()) std::this_thread::sleep_for(std::chrono::microseconds(100000));
+    {
+        std::unique_lock lock(doneMutex_);
+        while (!threadDone()) doneSignal_.wait_for(lock, std::chrono::milliseconds(kSliceMilliseconds));
+    }
     worker.join();
     return result_;
+}
+
+void TaskHelper::setThreadDone(bool done) {
+    {
+        std::lock_guard lock(doneMutex_);
+        threadDone_ = done;
+    }
+    if (done) doneSignal_.notify_all();
 }
 
 bool TaskHelper::launch(int stdoutPipe[2], int stderrPipe[2]) {

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,8 +24,9 @@ public:
     TaskHelper(const TaskHelper&) = delete;
     TaskHelper& operator=(const TaskHelper&) = delete;
 
-    // Runs the child to its end on a worker thread while this thread polls every
-    // 100 ms; answers the exit status, or 1 when the child could not be launched.
+    // Runs the child to its end on a worker thread while this thread looks for the
+    // end at least every 100 ms (and at once when the worker says it is done);
+    // answers the exit status, or 1 when the child could not be launched.
     int run();
 
     const ChildTask& task() const { return task_; }
@@ -37,7 +40,7 @@ public:
     int result() const { return result_; }
     void setResult(int result) { result_ = result; }
     bool threadDone() const { return threadDone_; }
-    void setThreadDone(bool done) { threadDone_ = done; }
+    void setThreadDone(bool done);
 
 private:
     void taskThread();
@@ -54,6 +57,8 @@ private:
     bool verbose_ = false;
     int result_ = 0;
     std::atomic<bool> threadDone_{false};
+    std::mutex doneMutex_;
+    std::condition_variable doneSignal_;
     int childPid_ = -1;
     int stdoutRead_ = -1;
     int stderrRead_ = -1;
