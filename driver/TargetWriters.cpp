@@ -67,13 +67,7 @@ int writeFileListToTempFile(Stripper& engine, std::string& pathBuffer) {
     }
     std::string list = ".\n";
     for (const auto& path : manifest.elements()) list += fileListLine(format("./%s\n", path));
-    std::string_view remaining = list;
-    while (!remaining.empty()) {
-        ssize_t written = ::write(fd, remaining.data(), remaining.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) break;
-        remaining.remove_prefix(static_cast<std::size_t>(written));
-    }
+    writeAll(fd, list);
     ::close(fd);
     return 0;
 }

@@ -38,19 +38,6 @@ void Stripper3::buildHierarchicalBuildIdentities() {
     originalBuildIdentities_ = index;
 }
 
-namespace {
-
-std::vector<std::string> keysSortedIgnoringCase(const Value& dictionary) {
-    std::vector<std::string> keys;
-    if (const auto* entries = dictionary.asDictionary()) {
-        for (const auto& entry : *entries) keys.push_back(entry.first);
-    }
-    sortIgnoringCase(keys);
-    return keys;
-}
-
-}  // namespace
-
 Value Stripper3::flattenBuildIdentities(const Value& index) {
     Value flat = Value::array();
     for (const auto& deviceClass : keysSortedIgnoringCase(index)) {

@@ -23,15 +23,6 @@ namespace {
 
 Value dictionaryOrEmpty(const Value& value) { return value.isDictionary() ? value : Value::dictionary(); }
 
-std::vector<std::string> sortedKeys(const Value& dictionary) {
-    std::vector<std::string> names;
-    if (const auto* entries = dictionary.asDictionary()) {
-        for (const auto& entry : *entries) names.push_back(entry.first);
-    }
-    sortIgnoringCase(names);
-    return names;
-}
-
 }  // namespace
 
 Catalogue Catalogue::fromPropertyList(std::string_view bytes) {
@@ -49,7 +40,7 @@ const Catalogue& Catalogue::builtIn() {
     return catalogue;
 }
 
-std::vector<std::string> Catalogue::knownProducts() const { return sortedKeys(products_); }
-std::vector<std::string> Catalogue::knownFactoryVariants() const { return sortedKeys(factoryVariants_); }
+std::vector<std::string> Catalogue::knownProducts() const { return keysSortedIgnoringCase(products_); }
+std::vector<std::string> Catalogue::knownFactoryVariants() const { return keysSortedIgnoringCase(factoryVariants_); }
 
 }  // namespace whittle

@@ -1,5 +1,7 @@
 #include "support/ContainedPaths.hpp"
 
+#include "support/FileSystem.hpp"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -72,18 +74,6 @@ std::string openParent(const std::string& root, std::string_view relative, Descr
 std::string temporaryName(const std::string& leaf) {
     static std::mt19937_64 random(std::random_device{}());
     return "." + leaf.substr(0, 200) + "." + std::to_string(random() % 1000000000ULL) + ".tmp";
-}
-
-bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
 }
 
 }  // namespace

@@ -34,6 +34,15 @@ private:
     int fd_;
 };
 
+std::string parentFolder(const std::string& path) {
+    auto slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+}  // namespace
+
 bool writeAll(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
         ssize_t written = ::write(fd, bytes.data(), bytes.size());
@@ -45,15 +54,6 @@ bool writeAll(int fd, std::string_view bytes) {
     }
     return true;
 }
-
-std::string parentFolder(const std::string& path) {
-    auto slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    if (slash == 0) return "/";
-    return path.substr(0, slash);
-}
-
-}  // namespace
 
 std::optional<std::string> readWholeFile(const std::string& path) {
     // Non-blocking open, so that a named pipe in place of a file cannot stall the run.

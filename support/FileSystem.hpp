@@ -11,6 +11,9 @@ namespace whittle {
 // unreadable or larger than 4 GiB.
 std::optional<std::string> readWholeFile(const std::string& path);
 
+// Writes every byte to a descriptor, going on after short writes and interruptions.
+bool writeAll(int fd, std::string_view bytes);
+
 // Writes bytes to a temporary file beside the path and renames it over the path, so
 // that readers see the old content or the new, never a part. On failure returns
 // false and sets the error's description, and nothing is left behind.

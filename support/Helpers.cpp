@@ -80,6 +80,15 @@ void sortIgnoringCase(std::vector<std::string>& texts) {
                      [](const std::string& a, const std::string& b) { return compareIgnoringCase(a, b) < 0; });
 }
 
+std::vector<std::string> keysSortedIgnoringCase(const Value& dictionary) {
+    std::vector<std::string> keys;
+    if (const auto* entries = dictionary.asDictionary()) {
+        for (const auto& entry : *entries) keys.push_back(entry.first);
+    }
+    sortIgnoringCase(keys);
+    return keys;
+}
+
 bool containsCaseInsensitiveString(const Value& array, std::string_view text) {
     const auto* elements = array.asArray();
     if (!elements) return false;

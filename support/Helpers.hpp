@@ -52,6 +52,8 @@ bool containsIgnoringCase(std::string_view text, std::string_view needle);
 int compareIgnoringCase(std::string_view a, std::string_view b);
 // Sorts ascending without regard to case; names equal but for case keep their order.
 void sortIgnoringCase(std::vector<std::string>& texts);
+// A dictionary's keys, sorted without regard to case; none for anything else.
+std::vector<std::string> keysSortedIgnoringCase(const Value& dictionary);
 // True when the array holds a string equal to the text without regard to case;
 // elements that are not strings are skipped.
 bool containsCaseInsensitiveString(const Value& array, std::string_view text);
