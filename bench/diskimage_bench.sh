@@ -10,13 +10,14 @@
 #   --tool       the whittle-diskimage to measure (default: build/whittle-diskimage);
 #                attach uses the volumes folder it was built with
 #   --megabytes  size of the generated folder (default 1100)
-#   --runs       runs of each measurement; the median counts (default 3)
+#   --runs       runs of each measurement (default 5); medians and minimums are shown,
+#                the minimum being the steadier figure on a busy machine
 #   --work       where the folder and images go (default: a new folder under /var/tmp)
 set -euo pipefail
 
 tool=build/whittle-diskimage
 megabytes=1100
-runs=3
+runs=5
 work=
 large=no
 seven_zip=/usr/bin/7zz
@@ -41,9 +42,10 @@ fi
 mkdir -p "$work"
 
 now() { date +%s.%N; }
-elapsed() { echo "$2 - $1" | bc; }
+elapsed() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }  # start, end
 median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
-ratio() { echo "scale=3; $1 / $2" | bc; }
+minimum() { sort -n | head -1; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", a / b }'; }
 
 volume=BenchVolume
 source="$work/$volume"
@@ -60,41 +62,67 @@ for i in $(seq 1 2000); do echo "small file $i" > "$source/usr/share/many/f$i.tx
 ln -s ../Firmware/blob1.bin "$source/usr/link"
 du -sh "$source"
 
-create_times=() xorriso_times=() attach_times=() extract_times=()
-for run in $(seq 1 "$runs"); do
-  rm -f "$work/bare.iso" "$work/image.dmg"
-  start=$(now)
-  "$xorriso" -as mkisofs -quiet -input-charset UTF-8 -V "$volume" -iso-level 3 -hfsplus -no-pad \
+# Each measurement starts from a clean page cache state (sync), every output is
+# removed only after its timing, and the order of each pair alternates between runs,
+# so that neither side pays for the other's writeback or freeing of blocks. Wall and CPU (user + system, children
+# included) times are both kept: on a busy machine the CPU times are the steadier.
+TIMEFORMAT='%R %U %S'
+timed() {  # array name, command...; the command's standard output goes to $work/output.txt
+  local into=$1; shift
+  local figures wall user system
+  figures=$( { time "$@" > "$work/output.txt" 2> /dev/null; } 2>&1 )
+  read -r wall user system <<< "$figures"
+  eval "${into}_wall+=($wall)"
+  eval "${into}_cpu+=($(awk -v u="$user" -v s="$system" 'BEGIN { printf "%.3f", u + s }'))"
+}
+settle() { sync; sleep 1; }
+time_bare_xorriso() {
+  rm -f "$work/bare.iso"; settle
+  timed xorriso "$xorriso" -as mkisofs -quiet -input-charset UTF-8 -V "$volume" -iso-level 3 -hfsplus -no-pad \
     -o "$work/bare.iso" "$source"
-  xorriso_times+=("$(elapsed "$start" "$(now)")")
   rm -f "$work/bare.iso"
-
-  start=$(now)
-  "$tool" create -srcfolder "$source" "$work/image.dmg" -format UDRO > /dev/null
-  create_times+=("$(elapsed "$start" "$(now)")")
-
+}
+time_create() {
+  rm -f "$work/new.dmg"; settle
+  timed create "$tool" create -srcfolder "$source" "$work/new.dmg" -format UDRO
+  mv "$work/new.dmg" "$work/image.dmg"  # the old image goes after the timing, as the bare image does
+}
+time_bare_extract() {
+  rm -rf "$work/extracted"; settle
+  timed extract "$seven_zip" x -y -bd -snld20 -o"$work/extracted" "$work/image.dmg"
   rm -rf "$work/extracted"
-  start=$(now)
-  "$seven_zip" x -y -bd -snld20 -o"$work/extracted" "$work/image.dmg" > /dev/null
-  extract_times+=("$(elapsed "$start" "$(now)")")
-  rm -rf "$work/extracted"
+}
+time_attach() {
+  settle
+  timed attach "$tool" attach "$work/image.dmg" -plist
+  "$tool" eject "$(grep -o '/dev/disk[0-9]*' "$work/output.txt" | head -1)" > /dev/null
+}
 
-  start=$(now)
-  output=$("$tool" attach "$work/image.dmg" -plist)
-  attach_times+=("$(elapsed "$start" "$(now)")")
-  device=$(printf '%s\n' "$output" | grep -o '/dev/disk[0-9]*' | head -1)
-  "$tool" eject "$device" > /dev/null
-  echo "run $run: xorriso ${xorriso_times[-1]} s, create ${create_times[-1]} s, 7zz x ${extract_times[-1]} s, attach ${attach_times[-1]} s"
+xorriso_wall=() xorriso_cpu=() create_wall=() create_cpu=() extract_wall=() extract_cpu=() attach_wall=() attach_cpu=()
+for run in $(seq 1 "$runs"); do
+  if [ $((run % 2)) = 1 ]; then
+    time_bare_xorriso; time_create; time_bare_extract; time_attach
+  else
+    time_create; time_bare_xorriso; time_attach; time_bare_extract
+  fi
+  echo "run $run (wall s): xorriso ${xorriso_wall[-1]}, create ${create_wall[-1]}, 7zz x ${extract_wall[-1]}, attach ${attach_wall[-1]}"
 done
 
-xorriso_median=$(printf '%s\n' "${xorriso_times[@]}" | median)
-create_median=$(printf '%s\n' "${create_times[@]}" | median)
-extract_median=$(printf '%s\n' "${extract_times[@]}" | median)
-attach_median=$(printf '%s\n' "${attach_times[@]}" | median)
+report() {  # name, its times, bare name, bare times, what the times are
+  local name=$1 ours=$2 bare_name=$3 bare=$4 kind=$5
+  local ours_median ours_min bare_median bare_min
+  ours_median=$(printf '%s\n' $ours | median); ours_min=$(printf '%s\n' $ours | minimum)
+  bare_median=$(printf '%s\n' $bare | median); bare_min=$(printf '%s\n' $bare | minimum)
+  printf '%-7s %-4s median %6.2f s  min %6.2f s  |  %-13s median %6.2f s  min %6.2f s  |  ratio median %s  min %s\n' \
+    "$name" "$kind" "$ours_median" "$ours_min" "$bare_name" "$bare_median" "$bare_min" \
+    "$(ratio "$ours_median" "$bare_median")" "$(ratio "$ours_min" "$bare_min")"
+}
 echo
-echo "image: $(stat -c %s "$work/image.dmg") bytes"
-echo "create   median ${create_median} s  vs bare xorriso ${xorriso_median} s  ratio $(ratio "$create_median" "$xorriso_median") (limit 1.15)"
-echo "attach   median ${attach_median} s  vs bare 7zz x   ${extract_median} s  ratio $(ratio "$attach_median" "$extract_median") (limit 1.15)"
+echo "image: $(stat -c %s "$work/image.dmg") bytes, load average: $(cut -d' ' -f1-3 /proc/loadavg); limit of each ratio: 1.15"
+report create "${create_wall[*]}" "bare xorriso" "${xorriso_wall[*]}" wall
+report create "${create_cpu[*]}" "bare xorriso" "${xorriso_cpu[*]}" cpu
+report attach "${attach_wall[*]}" "bare 7zz x" "${extract_wall[*]}" wall
+report attach "${attach_cpu[*]}" "bare 7zz x" "${extract_cpu[*]}" cpu
 
 if [ "$large" = yes ]; then
   echo

@@ -1,0 +1,277 @@
+#include "platform/diskimage/Attach.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "platform/diskimage/DiskImageError.hpp"
+#include "platform/diskimage/DiskImageFormat.hpp"
+#include "platform/diskimage/EncryptedContainer.hpp"
+#include "platform/diskimage/Entities.hpp"
+#include "platform/diskimage/FileIo.hpp"
+#include "platform/diskimage/Subprocess.hpp"
+#include "platform/diskimage/Udif.hpp"
+#include "platform/diskimage/VolumeRegistry.hpp"
+
+namespace whittle::diskimage {
+
+namespace {
+
+// A folder for work in progress, removed with its content when done.
+class WorkFolder {
+public:
+    explicit WorkFolder(std::string path) : path_(std::move(path)) {}
+    ~WorkFolder() { removeTree(path_); }
+    WorkFolder(const WorkFolder&) = delete;
+    WorkFolder& operator=(const WorkFolder&) = delete;
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+std::string inQuotes(const std::string& text) { return "\"" + text + "\""; }
+
+// Decrypts an encrypted container into a file of the work folder; answers its path.
+std::string decryptForAttach(int fd, const std::string& imagePath, const std::string& workFolder,
+                             const PassphrasePrompt& askPassphrase) {
+    EncryptedHeader header = readEncryptedHeader(fd, imagePath);
+    auto passphrase = askPassphrase("Enter the passphrase for " + inQuotes(lastComponentOf(imagePath)) + ": ");
+    if (!passphrase)
+        throw DiskImageError(inQuotes(imagePath) + " is encrypted, and there is no terminal to ask for its passphrase");
+    auto keys = unlockContainer(header, *passphrase);
+    if (!keys) throw DiskImageError("wrong passphrase for " + inQuotes(imagePath));
+    std::string innerPath = workFolder + "/image.dmg";
+    FileDescriptor inner(::open(innerPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!inner.valid()) throwSystemError("cannot create " + inQuotes(innerPath), errno);
+    decryptContainer(fd, header, *keys, inner.get(), imagePath);
+    return innerPath;
+}
+
+void checkMasterChecksum(const UdifImage& image, const std::string& imagePath) {
+    const ChecksumRecord& master = image.trailer.masterChecksum;
+    if (master.isCrc32() && master.value != masterChecksumOf(image.entries))
+        throw DiskImageError(inQuotes(imagePath) + " is damaged: its master checksum does not match");
+}
+
+// Checks the image's checksums: our own pass over uncompressed images, 7zz for the
+// others. Either runs while the volume is being extracted.
+class ChecksumVerification {
+public:
+    ChecksumVerification(const ToolSettings& settings, int udifFd, const UdifImage& image, const std::string& udifPath,
+                         const std::string& imagePath)
+        : imagePath_(imagePath) {
+        if (hasOnlyRawChunks(image)) {
+            ownPass_ = std::thread([this, udifFd, &image, imagePath] {
+                try {
+                    verifyRawImage(udifFd, image, imagePath);
+                } catch (...) {
+                    failure_ = std::current_exception();
+                }
+            });
+        } else {
+            sevenZipPass_.emplace(std::vector<std::string>{settings.sevenZip, "t", "-tdmg", "-bd", "--", udifPath});
+        }
+    }
+    ~ChecksumVerification() {
+        if (ownPass_.joinable()) ownPass_.join();
+    }
+    ChecksumVerification(const ChecksumVerification&) = delete;
+    ChecksumVerification& operator=(const ChecksumVerification&) = delete;
+
+    // Throws when a checksum did not match.
+    void finish() {
+        if (ownPass_.joinable()) ownPass_.join();
+        if (failure_) std::rethrow_exception(failure_);
+        if (sevenZipPass_ && sevenZipPass_->wait() != 0)
+            throw DiskImageError(inQuotes(imagePath_) + " is damaged: checksum verification failed\n" +
+                                 sevenZipPass_->messageTail());
+    }
+
+private:
+    std::string imagePath_;
+    std::thread ownPass_;
+    std::exception_ptr failure_;
+    std::optional<ChildProcess> sevenZipPass_;
+};
+
+// Extracts the image's volume into a new folder at outputFolder, verifying its
+// checksums meanwhile unless told not to.
+void extractVolume(const ToolSettings& settings, int udifFd, const UdifImage& image, const std::string& udifPath,
+                   const std::string& outputFolder, bool verify, const std::string& imagePath) {
+    ChildProcess extractor(
+        {settings.sevenZip, "x", "-y", "-bd", "-snld20", "-sns-", "-o" + outputFolder, "--", udifPath});
+    std::optional<ChecksumVerification> verification;
+    if (verify) verification.emplace(settings, udifFd, image, udifPath, imagePath);
+    int extractStatus = extractor.wait();
+    if (verification) verification->finish();
+    // 1 is 7zz's status for warnings only.
+    if (extractStatus != 0 && extractStatus != 1)
+        throw DiskImageError("cannot extract the volume of " + inQuotes(imagePath) + "\n" + extractor.messageTail());
+}
+
+// The one folder that 7zz made for the volume.
+std::string volumeFolderIn(const std::string& outputFolder, const std::string& imagePath) {
+    std::vector<std::string> names;
+    if (DIR* folder = ::opendir(outputFolder.c_str())) {
+        while (dirent* entry = ::readdir(folder)) {
+            std::string name = entry->d_name;
+            if (name != "." && name != "..") names.push_back(name);
+        }
+        ::closedir(folder);
+    }
+    struct stat status {};
+    if (names.size() != 1 || ::lstat((outputFolder + "/" + names[0]).c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+        throw DiskImageError("7zz found no volume in " + inQuotes(imagePath));
+    return outputFolder + "/" + names[0];
+}
+
+void removeHiddenRootItems(const std::string& volumeFolder) {
+    for (std::string_view name : format::hfs::kHiddenRootItems) removeTree(volumeFolder + "/" + std::string(name));
+}
+
+// 7zz points absolute symbolic links into its output folder ("/etc/x" becomes
+// "<output>/etc/x"); this puts the image's own targets back.
+void restoreAbsoluteLinks(const std::string& outputFolder) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    fs::recursive_directory_iterator walk(outputFolder, fs::directory_options::skip_permission_denied, error);
+    for (; !error && walk != fs::recursive_directory_iterator(); walk.increment(error)) {
+        if (!walk->is_symlink(error)) continue;
+        std::string target = fs::read_symlink(walk->path(), error).string();
+        if (error) break;
+        std::string original;
+        if (target == outputFolder) {
+            original = "/";
+        } else if (target.starts_with(outputFolder + "/")) {
+            original = target.substr(outputFolder.size());
+        } else {
+            continue;
+        }
+        std::string link = walk->path().string();
+        if (::unlink(link.c_str()) != 0 || ::symlink(original.c_str(), link.c_str()) != 0)
+            throwSystemError("cannot restore the symbolic link " + inQuotes(link), errno);
+    }
+    if (error) throw DiskImageError("cannot read the extracted volume: " + error.message());
+}
+
+// Reads the image (decrypting it first when needed), checks it and extracts its
+// volume into the work folder; answers the entity plan and the volume's folder.
+struct PreparedVolume {
+    EntityPlan plan;
+    std::string folder;
+};
+
+PreparedVolume prepareVolume(int fd, const std::string& imagePath, const WorkFolder& work, const AttachOptions& options,
+                             const ToolSettings& settings, const PassphrasePrompt& askPassphrase) {
+    struct stat status = statusOf(fd, imagePath);
+    auto fileSize = static_cast<std::uint64_t>(status.st_size);
+    std::string udifPath = imagePath;
+    FileDescriptor decrypted;
+    if (isEncryptedContainer(fd)) {
+        udifPath = decryptForAttach(fd, imagePath, work.path(), askPassphrase);
+        decrypted = openForReading(udifPath);
+    } else if (isOldEncryptedContainer(fd, fileSize)) {
+        throw DiskImageError(inQuotes(imagePath) +
+                             " is encrypted in the obsolete first format, which is not supported");
+    } else if (!endsWithTrailer(fd, fileSize)) {
+        throw DiskImageError(inQuotes(imagePath) + " is not a disk image of a kind this tool reads");
+    }
+    int udifFd = decrypted.valid() ? decrypted.get() : fd;
+    UdifImage image = readUdifImage(udifFd, imagePath);
+    if (options.verify) checkMasterChecksum(image, imagePath);
+    PreparedVolume prepared;
+    try {
+        prepared.plan = planEntities(image);
+    } catch (const DiskImageError& error) {
+        throw DiskImageError("cannot attach " + inQuotes(imagePath) + ": " + error.what());
+    }
+    std::string outputFolder = work.path() + "/volume";
+    extractVolume(settings, udifFd, image, udifPath, outputFolder, options.verify, imagePath);
+    prepared.folder = volumeFolderIn(outputFolder, imagePath);
+    removeHiddenRootItems(prepared.folder);
+    restoreAbsoluteLinks(outputFolder);
+    return prepared;
+}
+
+std::string noSuchDisk(const std::string& entry) { return "no attached image has the device entry " + inQuotes(entry); }
+
+// The registry, when there is one: without a volumes folder nothing is attached.
+VolumeRegistry existingRegistry(const ToolSettings& settings, const std::string& entry) {
+    try {
+        return VolumeRegistry(settings.volumesFolder, VolumeRegistry::Missing::Fail);
+    } catch (const DiskImageError&) {
+        throw DiskImageError(noSuchDisk(entry));
+    }
+}
+
+}  // namespace
+
+Value attachImage(const AttachOptions& options, const ToolSettings& settings, const PassphrasePrompt& askPassphrase) {
+    std::string imagePath = canonicalPath(options.imagePath);
+    FileDescriptor image = openForReading(imagePath);
+    if (!S_ISREG(statusOf(image.get(), imagePath).st_mode))
+        throw DiskImageError(inQuotes(imagePath) + " is not a file");
+    std::string imageKey = VolumeRegistry::imageKeyOf(image.get(), imagePath);
+    VolumeRegistry registry(settings.volumesFolder, VolumeRegistry::Missing::Create);
+    {
+        auto lock = registry.lock();
+        registry.removeAbandonedWork();
+        if (auto record = registry.findByImage(imageKey)) return record->systemEntities;
+    }
+
+    // The slow part runs without the lock, so that other images attach meanwhile.
+    WorkFolder work(registry.makeWorkFolder("attach"));
+    PreparedVolume prepared = prepareVolume(image.get(), imagePath, work, options, settings, askPassphrase);
+
+    auto lock = registry.lock();
+    if (auto record = registry.findByImage(imageKey)) return record->systemEntities;  // attached meanwhile
+    AttachmentRecord record;
+    record.diskNumber = registry.unusedDiskNumber();
+    record.imageKey = imageKey;
+    record.imagePath = imagePath;
+    record.mountPoint = registry.unusedMountPoint(lastComponentOf(prepared.folder));
+    record.systemEntities = systemEntities(prepared.plan, record.diskNumber, record.mountPoint);
+    if (::rename(prepared.folder.c_str(), record.mountPoint.c_str()) != 0)
+        throwSystemError("cannot make the volume available at " + inQuotes(record.mountPoint), errno);
+    try {
+        registry.save(record);
+    } catch (const DiskImageError&) {
+        removeTree(record.mountPoint);
+        throw;
+    }
+    return record.systemEntities;
+}
+
+std::string ejectDisk(std::string_view devEntryText, const ToolSettings& settings) {
+    std::string entry(devEntryText);
+    auto diskNumber = diskNumberOfDevEntry(entry);
+    if (!diskNumber) throw DiskImageError(inQuotes(entry) + " is not the device entry of an attached image");
+    VolumeRegistry registry = existingRegistry(settings, entry);
+    std::optional<WorkFolder> doomed;
+    {
+        auto lock = registry.lock();
+        registry.removeAbandonedWork();
+        auto record = registry.findByDisk(*diskNumber);
+        if (!record) throw DiskImageError(noSuchDisk(entry));
+        // Moved aside first, so the volume disappears at once; only a folder directly
+        // inside the volumes folder is ever removed.
+        if (registry.isMountPointPath(record->mountPoint)) {
+            doomed.emplace(registry.makeWorkFolder("eject"));
+            if (::rename(record->mountPoint.c_str(), (doomed->path() + "/volume").c_str()) != 0)
+                throwSystemError("cannot remove " + inQuotes(record->mountPoint), errno);
+        }
+        registry.forget(*diskNumber);
+    }
+    return lastComponentOf(devEntry(*diskNumber, 0));
+}
+
+}  // namespace whittle::diskimage

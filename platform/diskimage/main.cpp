@@ -1,0 +1,14 @@
+// whittle-diskimage: attach, create, imageinfo and eject of disk images. Its only
+// configuration is the command line and the build-time settings below.
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "platform/diskimage/DiskImageTool.hpp"
+
+int main(int argc, char** argv) {
+    whittle::diskimage::ToolSettings settings{WHITTLE_VOLUMES_DIR, WHITTLE_SEVEN_ZIP, WHITTLE_XORRISO};
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    return whittle::diskimage::runDiskImageTool(arguments, settings, whittle::diskimage::readPassphraseFromTerminal,
+                                                std::cout, std::cerr);
+}
