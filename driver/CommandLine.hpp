@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/Stripper.hpp"
+#include "driver/StripperClasses.hpp"
 #include "support/Value.hpp"
 
 namespace whittle {

@@ -1,11 +1,9 @@
 // Support material at the bundle root: kept or scrubbed by option and by name.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <optional>
 #include <set>
 
+#include "engine/BundleListing.hpp"
 #include "engine/Stripper3.hpp"
 #include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
@@ -22,26 +20,7 @@ constexpr const char* kFactoryDiskImageSignature = "FactoryDiskImage.dmg.signatu
 constexpr const char* kFirmwareArchives = "Mediadesk FWPKs";
 constexpr const char* kRestoreTools = "RestoreTools.dmg";
 
-// The text a symbolic link holds, or none when the path is not a link.
-std::optional<std::string> symbolicLinkTarget(const std::string& path) {
-    std::string target(4096, '\0');
-    ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
-    if (length < 0 || static_cast<std::size_t>(length) >= target.size()) return std::nullopt;
-    target.resize(static_cast<std::size_t>(length));
-    return target;
-}
-
-bool pathExists(const std::string& path) {
-    struct stat info {};
-    return ::lstat(path.c_str(), &info) == 0;
-}
-
-bool isInvisibleName(std::string_view name) {
-    static const char* const invisibles[] = {".DS_Store", ".svn", "CVS", ".fseventsd", ".Trashes"};
-    if (hasPrefix(name, ".BC_", kCaseInsensitiveSearch)) return true;
-    return std::any_of(std::begin(invisibles), std::end(invisibles),
-                       [name](const char* invisible) { return equalsIgnoringCase(name, invisible); });
-}
+bool isInvisibleName(std::string_view name) { return hasInvisiblePrefix(name) || isInvisibleItemName(name); }
 
 }  // namespace
 

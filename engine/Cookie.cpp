@@ -1,4 +1,6 @@
 // "WhittleCookie.plist": how a stripped bundle was made.
+#include "engine/Cookie.hpp"
+
 #include <string>
 
 #include "engine/Stripper3.hpp"
@@ -17,7 +19,6 @@ std::string withoutNewlines(std::string text) {
 
 }  // namespace
 
-// The cookie dictionary for a run; shared with the legacy engine.
 Value makeCookie(const std::string& source, const Value& options) {
     Value cookie = Value::dictionary();
     cookie.set("rawArguments", Value::stringArray(processArguments()));

@@ -1,5 +1,5 @@
-// The interface every strip engine offers the driver, and the engine classes the
-// driver can pick by name.
+// The interface every strip engine offers the driver, and what the driver knows of an
+// engine class: its catalogue and its factory.
 #pragma once
 
 #include <memory>
@@ -45,8 +45,5 @@ struct StripperClass {
     std::unique_ptr<Stripper> (*stripperForPath)(const std::string& bundleRoot, const Value& products,
                                                  const Value& factoryVariants, const Value& options);
 };
-
-// The engine class of that name ("Stripper3", "Stripper2"), or nullptr.
-const StripperClass* stripperClassNamed(std::string_view name);
 
 }  // namespace whittle

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "engine/Catalogue.hpp"
+#include "engine/WorkList.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
 
@@ -247,23 +248,7 @@ Stripper3::WorkOperation Stripper3::operationNamed(std::string_view selector) {
     return found == operations.end() ? nullptr : found->second;
 }
 
-int Stripper3::performWork(const Value&) {
-    const auto* items = workList_.asArray();
-    if (!items) return 0;
-    int result = 0;
-    for (std::size_t i = 0; i < items->size(); ++i) {
-        const Value& item = (*items)[i];
-        Log(">>> ========== %2d/%2d %@ ==========", i + 1, items->size(), item.get("workName"));
-        WorkOperation operation = operationNamed(item.get("workSelector").text());
-        if (!operation) {
-            Log("XXX ERROR: no operation %@.", item.get("workSelector"));
-            return 1;
-        }
-        result = (this->*operation)(item);
-        if (result != 0) return result;
-    }
-    return result;
-}
+int Stripper3::performWork(const Value&) { return runWorkList(*this, workList_); }
 
 int Stripper3::stripCommonWork(const Value& item) {
     static const char* const steps[] = {

@@ -11,6 +11,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "engine/FileListRules.hpp"
 #include "engine/Stripper.hpp"
 #include "support/PropertyList.hpp"
 #include "support/Value.hpp"
@@ -21,6 +22,10 @@ using KeepList = std::unordered_set<std::string>;
 
 class Stripper3 : public Stripper {
 public:
+    // The operation a work item's "workSelector" names, or nullptr.
+    using WorkOperation = int (Stripper3::*)(const Value&);
+    static WorkOperation operationNamed(std::string_view selector);
+
     Stripper3(std::string bundleRoot, const Value& products, const Value& factoryVariants, const Value& options);
     ~Stripper3() override;
 
@@ -94,8 +99,6 @@ public:
     const KeepList& copiedFilelist() const { return copiedFilelist_; }
 
 private:
-    using WorkOperation = int (Stripper3::*)(const Value&);
-    static WorkOperation operationNamed(std::string_view selector);
 
     bool option(std::string_view key) const;
     Value requestedList(std::string_view key) const;
@@ -110,12 +113,6 @@ private:
     int stripFirmwareTextMap(const Value& item, const char* keysName, bool isDeviceMap);
 
     int chooseIdentities(const Value& item, Value& chosen);
-    int keepBasebandFirmware(std::string_view product, const Value& identity, KeepList& keep);
-    void keepManifestItems(const Value& item, const Value& identity, KeepList& keep, Value& links);
-    bool keepUnpersonalizedKernelCaches(const Value& item, KeepList& keep);
-    bool keepUnpersonalizedFolders(const Value& item, const char* folder, const char* kindsKey, const char* kindName,
-                                   KeepList& keep);
-    bool keepUnpersonalizedBaseband(std::string_view product, KeepList& keep);
 
     std::string bundleRoot_;
     Value stripInfo_;
@@ -132,6 +129,24 @@ private:
     KeepList copiedFilelist_;
     Value modifiedFilelist_ = Value::dictionary();
     Value workList_;
+};
+
+// The default engine's bundle as the shared file-list rules see it: listings through the
+// engine (shallow ones cached), kept paths into one step's own keep list.
+class Stripper3BundleView : public BundleView {
+public:
+    Stripper3BundleView(Stripper3& engine, KeepList& keepList) : engine_(engine), keepList_(keepList) {}
+    std::vector<std::string> directEntries(const std::string& folder) override {
+        return engine_.submanifestStartingAt(folder, false);
+    }
+    std::vector<std::string> everythingBelow(const std::string& folder) override {
+        return engine_.submanifestStartingAt(folder, true);
+    }
+    void keep(const std::string& path) override { Stripper3::addSubpathToKeepList(path, keepList_); }
+
+private:
+    Stripper3& engine_;
+    KeepList& keepList_;
 };
 
 }  // namespace whittle

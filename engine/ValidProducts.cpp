@@ -4,13 +4,11 @@
 
 #include "engine/Catalogue.hpp"
 #include "engine/Stripper3.hpp"
+#include "engine/WorkList.hpp"
 #include "support/Helpers.hpp"
 
 namespace whittle {
 
-namespace {
-
-// A device class without its "ap" or "dev" ending (compared without regard to case).
 std::string productOfDeviceClass(const std::string& deviceClass) {
     if (hasSuffix(deviceClass, "ap", kCaseInsensitiveSearch)) return deviceClass.substr(0, deviceClass.size() - 2);
     if (hasSuffix(deviceClass, "dev", kCaseInsensitiveSearch)) return deviceClass.substr(0, deviceClass.size() - 3);
@@ -22,6 +20,8 @@ Value sortedNames(const std::set<std::string>& names) {
     sortIgnoringCase(sorted);
     return Value::stringArray(sorted);
 }
+
+namespace {
 
 // Personalization variant -> the factory variants it serves.
 std::map<std::string, std::vector<std::string>> factoryVariantsByPersonalization(const Catalogue& catalogue) {

@@ -176,12 +176,14 @@ INSTANTIATE_TEST_SUITE_P(
         ParseFailure{{"--bogus", "--factory", "repair"},
                      "!!! WARNING: ignoring \"--bogus\" - unknown option.\nXXX ERROR: source not specified.\n", 22}));
 
-TEST_F(WhittleCommandLine, AcceptedCommandLineEndsWhenNoEngineCanBeMade) {
-    // The legacy engine is not part of the program yet.
+TEST_F(WhittleCommandLine, AcceptedCommandLineReachesTheLegacyEngine) {
+    // Options in any letter case, a product and a variant typed in capitals: the request
+    // reaches the legacy engine, which finds no build manifest in the missing bundle.
     auto result = runWhittle({"--legacy", "--SOURCE", "bundle", "--Product", "X10", "--FACTORY", "Repair", "--KeepSDK"});
-    EXPECT_EQ(result.status, 22);
-    EXPECT_EQ(result.out, "XXX ERROR: cannot create stripper.\n" + kLogFileMessage);
-    EXPECT_EQ(readFile(kLogFile), "XXX ERROR: cannot create stripper.\n");
+    EXPECT_EQ(result.status, 1);
+    std::string failure = "XXX ERROR: BuildManifest.plist cannot be read.\n";
+    EXPECT_EQ(result.out, failure + "Validation FAILED.\n" + kLogFileMessage);
+    EXPECT_EQ(readFile(kLogFile), ">>> analyzing bundle.\n" + failure + "Validation FAILED.\n");
 }
 
 TEST_F(WhittleCommandLine, WarningsAreLoggedAndDoNotChangeTheStatus) {

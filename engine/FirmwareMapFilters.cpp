@@ -1,0 +1,153 @@
+#include "engine/FirmwareMapFilters.hpp"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "engine/Catalogue.hpp"
+#include "support/FileSystem.hpp"
+#include "support/Helpers.hpp"
+
+namespace whittle {
+
+namespace {
+
+bool isValidUtf8(std::string_view text) {
+    std::size_t i = 0;
+    while (i < text.size()) {
+        auto byte = static_cast<unsigned char>(text[i]);
+        std::size_t length = byte < 0x80 ? 1 : (byte >> 5) == 0x6 ? 2 : (byte >> 4) == 0xE ? 3 : (byte >> 3) == 0x1E ? 4 : 0;
+        if (length == 0 || i + length > text.size()) return false;
+        for (std::size_t k = 1; k < length; ++k) {
+            if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
+        }
+        i += length;
+    }
+    return true;
+}
+
+std::vector<std::string> nonEmptyLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::size_t start = 0;
+    while (start <= text.size()) {
+        auto end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        if (end > start) lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+// The fifth field of a line split at every single space or tab, if it has one.
+std::optional<std::string> fifthField(const std::string& line) {
+    std::size_t field = 0, start = 0;
+    for (std::size_t i = 0; i <= line.size(); ++i) {
+        if (i < line.size() && line[i] != ' ' && line[i] != '\t') continue;
+        if (field == 4) return line.substr(start, i - start);
+        ++field;
+        start = i + 1;
+    }
+    return std::nullopt;
+}
+
+bool mentionsAnyOf(std::string_view line, const ValueArray& names) {
+    for (const auto& name : names) {
+        if (containsIgnoringCase(line, name.text())) return true;
+    }
+    return false;
+}
+
+bool equalsAnyIgnoringCase(std::string_view text, const ValueArray& names) {
+    for (const auto& name : names) {
+        if (name.isString() && equalsIgnoringCase(text, name.text())) return true;
+    }
+    return false;
+}
+
+FilteredMap filterTextMap(const std::string& text, const ValueArray& names, bool reportsFifthField) {
+    FilteredMap result;
+    std::string kept;
+    for (const auto& line : nonEmptyLines(text)) {
+        bool keep = mentionsAnyOf(line, names);
+        if (keep) kept += line + "\n";
+        Value& report = keep ? result.found : result.scrubbed;
+        if (!reportsFifthField) {
+            report.addToSet(Value::string(line));
+        } else if (auto value = fifthField(line)) {
+            report.addToSet(Value::string(*value));
+        }
+    }
+    result.content = Value::string(kept);
+    return result;
+}
+
+}  // namespace
+
+bool fileExists(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+std::optional<std::string> readUtf8Text(const std::string& path, std::string& error) {
+    errno = 0;
+    auto bytes = readWholeFile(path);
+    if (!bytes) {
+        error = errno ? std::strerror(errno) : "not a readable file";
+        return std::nullopt;
+    }
+    if (!isValidUtf8(*bytes)) {
+        error = "the text is not UTF-8";
+        return std::nullopt;
+    }
+    return bytes;
+}
+
+FilteredMap filterDeviceMapText(const std::string& text, const ValueArray& deviceClasses) {
+    return filterTextMap(text, deviceClasses, true);
+}
+
+FilteredMap filterTargetMapText(const std::string& text, const ValueArray& products) {
+    return filterTextMap(text, products, false);
+}
+
+FilteredMap filterDeviceMapPlist(const Value& map, const ValueArray& deviceClasses) {
+    FilteredMap result;
+    result.content = Value::dictionary();
+    if (const auto* entries = map.asDictionary()) {
+        for (const auto& [key, value] : *entries) {
+            bool keep = equalsAnyIgnoringCase(key, deviceClasses);
+            if (keep) result.content.set(key, value);
+            (keep ? result.found : result.scrubbed).addToSet(Value::string(key));
+        }
+    }
+    return result;
+}
+
+FilteredMap filterPlatformKeys(const Value& keys, const ValueArray& platforms) {
+    FilteredMap result;
+    result.content = keys.isDictionary() ? Value::dictionary(*keys.asDictionary()) : Value::dictionary();
+    Value kept = Value::array();
+    if (const auto* entries = result.content.get("PlatformKeys").asArray()) {
+        for (const auto& entry : *entries) {
+            Value name = entry.get("PlatformName");
+            bool keep = name.isString() && equalsAnyIgnoringCase(name.text(), platforms);
+            if (keep) kept.append(entry);
+            if (name.isString()) (keep ? result.found : result.scrubbed).addToSet(name);
+        }
+    }
+    result.content.set("PlatformKeys", kept);
+    return result;
+}
+
+ValueArray platformsOfProducts(const ValueArray& products) {
+    ValueArray platforms;
+    for (const auto& product : products) {
+        Value processor = Catalogue::builtIn().productValue(product.description() + ".processor");
+        if (processor.isString()) platforms.push_back(processor);
+    }
+    return platforms;
+}
+
+}  // namespace whittle

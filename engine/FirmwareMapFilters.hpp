@@ -1,0 +1,52 @@
+// Reading the firmware map files of "Restore/Firmware" and cutting them down to the
+// requested devices; both engines rewrite the same four files by the same rules.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "support/Value.hpp"
+
+namespace whittle {
+
+inline constexpr const char* kDeviceMapText = "Restore/Firmware/device_map.txt";
+inline constexpr const char* kDeviceMapPlist = "Restore/Firmware/device_map.plist";
+inline constexpr const char* kTargetMapText = "Restore/Firmware/target_map.txt";
+inline constexpr const char* kPlatformKeys = "Restore/Firmware/platform_keys.plist";
+
+// True when a file (or anything else) stands at the path, following links.
+bool fileExists(const std::string& path);
+
+// The text of a file, or none with the reason it cannot be read as UTF-8 text.
+std::optional<std::string> readUtf8Text(const std::string& path, std::string& error);
+
+// A map file cut down: its new content, what the kept part reports and what the
+// dropped part would have reported.
+struct FilteredMap {
+    Value content;
+    Value found = Value::set();
+    Value scrubbed = Value::set();
+};
+
+// device_map.txt: the non-empty lines that name one of the device classes anywhere,
+// without regard to case. A line reports its fifth field (split at single blanks or
+// tabs) when it has one.
+FilteredMap filterDeviceMapText(const std::string& text, const ValueArray& deviceClasses);
+
+// target_map.txt: the non-empty lines that name one of the products; a line reports itself.
+FilteredMap filterTargetMapText(const std::string& text, const ValueArray& products);
+
+// device_map.plist: the top-level entries whose key is one of the device classes as a
+// whole, without regard to case; an entry reports its key.
+FilteredMap filterDeviceMapPlist(const Value& map, const ValueArray& deviceClasses);
+
+// platform_keys.plist: a copy of the file's dictionary whose "PlatformKeys" holds only
+// the entries whose "PlatformName" is one of the platforms without regard to case; an
+// entry reports its name.
+FilteredMap filterPlatformKeys(const Value& keys, const ValueArray& platforms);
+
+// The catalogue's processors of the products, in their order; products the catalogue
+// lacks, or without a processor, add none.
+ValueArray platformsOfProducts(const ValueArray& products);
+
+}  // namespace whittle

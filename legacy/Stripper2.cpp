@@ -1,0 +1,370 @@
+#include "legacy/Stripper2.hpp"
+
+#include <map>
+#include <set>
+
+#include "engine/BundleListing.hpp"
+#include "engine/BundlePaths.hpp"
+#include "engine/Cookie.hpp"
+#include "engine/WorkList.hpp"
+#include "legacy/Stripper2Internals.hpp"
+#include "support/FileSystem.hpp"
+#include "support/Helpers.hpp"
+#include "support/LogObject.hpp"
+#include "support/PlistCodec.hpp"
+
+namespace whittle {
+
+Stripper2::Stripper2(std::string bundleRoot, const Value& products, const Value& factoryVariants,
+                     const Value& options)
+    : bundleRoot_(std::move(bundleRoot)), stripOptions_(Value::dictionary()), stripInfo_(Value::dictionary()) {
+    stripInfo_.set("bundleRoot", Value::string(bundleRoot_));
+    if (products.isArray()) stripInfo_.set("products", products.deepCopy());
+    if (factoryVariants.isArray()) stripInfo_.set("FactoryVariants", factoryVariants.deepCopy());
+    // The only listing of the bundle: every later membership test is made against it.
+    listFolderDeep(bundleRoot_, "", originalManifest_);
+    originalPaths_.insert(originalManifest_.begin(), originalManifest_.end());
+    if (const auto* entries = options.asDictionary()) {
+        for (const auto& [key, value] : *entries) stripOptions_.set(key, value.deepCopy());
+    }
+}
+
+std::unique_ptr<Stripper> Stripper2::stripperForPath(const std::string& bundleRoot, const Value& products,
+                                                     const Value& factoryVariants, const Value& options) {
+    return std::make_unique<Stripper2>(bundleRoot, products, factoryVariants, options);
+}
+
+const Catalogue& Stripper2::catalogue() { return Catalogue::builtIn(); }
+std::vector<std::string> Stripper2::knownProducts() { return catalogue().knownProducts(); }
+std::vector<std::string> Stripper2::knownFactoryVariants() { return catalogue().knownFactoryVariants(); }
+
+int Stripper2::strip() {
+    if (int result = preanalyzeRequest()) return result;
+    return performWork(Value());
+}
+
+bool Stripper2::option(std::string_view key) const { return boolForKey(stripOptions_, key); }
+
+bool Stripper2::checkPersonalized() const { return option("checkPersonalized"); }
+
+bool Stripper2::checkUnpersonalized() const {
+    return option("checkUnpersonalized") || option("useRestorePlistInsteadOfBuildManifest");
+}
+
+std::string Stripper2::pathInBundle(std::string_view bundleRelativePath) const {
+    std::string path = bundleRoot_;
+    if (!path.empty() && path.back() != '/') path += '/';
+    path += bundleRelativePath;
+    return path;
+}
+
+void Stripper2::appendKeptPaths(const std::vector<std::string>& paths) {
+    strippedManifestsList_.append(Value::stringArray(paths));
+}
+
+// ---- valid products and variants ----
+
+namespace {
+
+
+}  // namespace
+
+Value Stripper2::validProducts() {
+    Value manifest = mutableDictionaryAtSubpath(kBuildManifest);
+    if (manifest.isNone()) {
+        Log("XXX ERROR: BuildManifest.plist cannot be read.");
+        return Value::array();
+    }
+    // The manifest's device classes are gathered once per catalogue variant; only an
+    // empty variant catalogue would make a difference, so one pass stands for them all.
+    if (catalogue().factoryVariants().count() == 0) return Value::array();
+    std::set<std::string> products;
+    for (const auto& identity : manifest.get("BuildIdentities").elements()) {
+        Value deviceClass = identity.get("Info").get("DeviceClass");
+        if (deviceClass.isString()) products.insert(productOfDeviceClass(std::string(deviceClass.text())));
+    }
+    return sortedNames(products);
+}
+
+Value Stripper2::validFactoryVariants() {
+    Value manifest = mutableDictionaryAtSubpath(kBuildManifest);
+    if (manifest.isNone()) {
+        Log("XXX ERROR: BuildManifest.plist cannot be read.");
+        return Value::array();
+    }
+    bool stripAP = option("stripAPFirmware");
+    bool keepDev = option("keepDevFirmware");
+    Value requested = stripInfo_.get("products");
+    std::set<std::string> valid;
+    for (const auto& variant : knownFactoryVariants()) {
+        Value personalization = catalogue().factoryVariantValue(variant + ".PersonalizationVariants");
+        if (!personalization.isString()) continue;
+        for (const auto& identity : manifest.get("BuildIdentities").elements()) {
+            if (infoText(identity, "Variant") != personalization.text()) continue;
+            std::string deviceClass = infoText(identity, "DeviceClass");
+            for (const auto& product : requested.elements()) {
+                std::string name = product.description();
+                if ((!stripAP && equalsIgnoringCase(deviceClass, name + "ap")) ||
+                    (keepDev && equalsIgnoringCase(deviceClass, name + "dev"))) {
+                    valid.insert(variant);
+                }
+            }
+        }
+    }
+    return sortedNames(valid);
+}
+
+// ---- request analysis ----
+
+namespace {
+
+// A catalogue value for a list key: a single value becomes a one-element array.
+Value asList(const Value& value) {
+    if (value.isNone() || value.isArray()) return value;
+    return Value::array({value});
+}
+
+void setIfPresent(Value& item, const char* key, const Value& value) {
+    if (!value.isNone()) item.set(key, value);
+}
+
+Value copyWith(const Value& base, std::initializer_list<std::pair<const char*, Value>> entries) {
+    Value item = Value::dictionary(*base.asDictionary());
+    for (const auto& [key, value] : entries) item.set(key, value);
+    return item;
+}
+
+bool holdsString(const Value& list, std::string_view text) {
+    for (const auto& element : list.elements()) {
+        if (element.isString() && element.text() == text) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+Value Stripper2::factoryVariantsForDeviceClasses(const Value& deviceClasses, const Value& buildManifest) const {
+    Value variants = Value::array();
+    auto known = knownFactoryVariants();
+    for (const auto& identity : buildManifest.get("BuildIdentities").elements()) {
+        Value deviceClass = identity.get("Info").get("DeviceClass");
+        Value personalization = identity.get("Info").get("Variant");
+        if (!deviceClass.isString() || !holdsString(deviceClasses, deviceClass.text())) continue;
+        // One entry per matching identity: the duplicates this makes are absorbed by
+        // the merge steps.
+        for (const auto& name : known) {
+            if (catalogue().factoryVariantValue(name + ".PersonalizationVariants").equals(personalization)) {
+                variants.append(Value::string(name));
+            }
+        }
+    }
+    return variants;
+}
+
+int Stripper2::preanalyzeRequest() {
+    const Catalogue& table = catalogue();
+    Value products = stripInfo_.get("products");
+    Value variants = stripInfo_.get("FactoryVariants");
+    bool stripAP = option("stripAPFirmware");
+    bool keepDev = option("keepDevFirmware");
+    Value deviceClassSet = Value::set();
+    Value productSet = Value::set();
+    Value personalizationSet = Value::set();
+    workList_ = Value::array();
+
+    Value buildManifest = mutableDictionaryAtSubpath(kBuildManifest);
+    Value restorePlist = mutableDictionaryAtSubpath(kRestorePlist);
+    if (checkPersonalized() && buildManifest.isNone()) {
+        Log("XXX ERROR: BuildManifest.plist cannot be read.");
+        return 1;
+    }
+    if (checkUnpersonalized() && restorePlist.isNone()) {
+        Log("XXX ERROR: Restore.plist cannot be read.");
+        return 1;
+    }
+    if (products.count() == 0) products = Value::stringArray(knownProducts());
+
+    for (const auto& product : products.elements()) {
+        std::string name = product.description();
+        std::string production = stripAP ? std::string() : lowercased(name + "ap");
+        std::string development = keepDev ? lowercased(name + "dev") : std::string();
+        Value classList = Value::stringArray({production, development});
+        for (const auto& deviceClass : {production, development}) {
+            if (deviceClass.empty()) continue;
+            Value variantList =
+                variants.count() > 0 ? variants : factoryVariantsForDeviceClasses(classList, buildManifest);
+            for (const auto& variantValue : variantList.elements()) {
+                std::string variant = variantValue.description();
+                if (variant.empty()) continue;
+                deviceClassSet.addToSet(Value::string(deviceClass));
+                productSet.addToSet(product);
+
+                Value base = Value::dictionary();
+                base.set("workVariant", variantValue);
+                base.set("workProduct", product);
+                base.set("workDeviceClass", Value::string(deviceClass));
+                setIfPresent(base, "workModelList", asList(table.productValue(name + ".model")));
+                setIfPresent(base, "workProcessorID", table.productValue(name + ".processor"));
+                setIfPresent(base, "workKernelCachesList", asList(table.factoryVariantValue(variant + ".KernelCaches")));
+                setIfPresent(base, "workFirmwareTypesList", asList(table.factoryVariantValue(variant + ".FirmwareTypes")));
+                setIfPresent(base, "workSystemImageType", table.factoryVariantValue(variant + ".SystemImageTypes"));
+
+                if (checkPersonalized()) {
+                    workList_.append(copyWith(base, {
+                        {"workSelector", Value::string("stripRestoreUsingTessera:")},
+                        {"workName", Value::string(format("Strip Restore and BuildManifest.plist for %@ %@.", deviceClass, variant))},
+                    }));
+                    workList_.append(copyWith(base, {
+                        {"workSelector", Value::string("stripRestorePlistUsingTessera:")},
+                        {"workName", Value::string(format("Strip Restore.plist using BuildManifest.plist for %@ %@.", deviceClass, variant))},
+                    }));
+                }
+                if (checkUnpersonalized()) {
+                    Value restoreItem = copyWith(base, {
+                        {"workSelector", Value::string("stripRestoreWithoutTessera:")},
+                        {"workName", Value::string(format("Strip Restore and Restore.plist for %@ %@.", deviceClass, variant))},
+                    });
+                    setIfPresent(restoreItem, "workDFUTypesList", asList(table.factoryVariantValue(variant + ".DFUTypes")));
+                    workList_.append(restoreItem);
+                    workList_.append(copyWith(base, {
+                        {"workSelector", Value::string("stripBuildManifestWithoutTessera:")},
+                        {"workName", Value::string(format("Strip BuildManifest.plist using Restore.plist for %@ %@.", deviceClass, variant))},
+                    }));
+                }
+                Value personalization = table.factoryVariantValue(variant + ".PersonalizationVariants");
+                if (!personalization.isNone()) personalizationSet.addToSet(personalization);
+            }
+        }
+    }
+
+    Value closing = Value::dictionary();
+    closing.set("workDeviceClassList", Value::array(*deviceClassSet.asSetMembers()));
+    closing.set("workProductList", Value::array(*productSet.asSetMembers()));
+    closing.set("workPersonalizationVariantList", Value::array(*personalizationSet.asSetMembers()));
+    // The cookie comes after the modified-files merge, so it never reaches the result.
+    const std::pair<const char*, const char*> closingSteps[] = {
+        {"stripCommonWork:", "Strip support files"},
+        {"mergeStrippedManifests:", "Merging stripped manifests"},
+        {"mergeModifiedFiles:", "Merging modified files"},
+        {"stripInvisibles:", "Strip invisibles"},
+        {"leaveCookie:", "Leaving cookie for Santa"},
+    };
+    for (const auto& [selector, name] : closingSteps) {
+        workList_.append(copyWith(closing, {{"workSelector", Value::string(selector)}, {"workName", Value::string(name)}}));
+    }
+
+    Log(">>> Work List");
+    LogObject::sharedLogger().PrettyPrint(workList_);
+    return 0;
+}
+
+// ---- running the work list ----
+
+Stripper2::WorkOperation Stripper2::operationNamed(std::string_view selector) {
+    static const std::map<std::string_view, WorkOperation> operations = {
+        {"stripRestoreUsingTessera:", &Stripper2::stripRestoreUsingTessera},
+        {"stripRestorePlistUsingTessera:", &Stripper2::stripRestorePlistUsingTessera},
+        {"stripRestoreWithoutTessera:", &Stripper2::stripRestoreWithoutTessera},
+        {"stripBuildManifestWithoutTessera:", &Stripper2::stripBuildManifestWithoutTessera},
+        {"stripCommonWork:", &Stripper2::stripCommonWork},
+        {"mergeStrippedManifests:", &Stripper2::mergeStrippedManifests},
+        {"mergeModifiedFiles:", &Stripper2::mergeModifiedFiles},
+        {"stripInvisibles:", &Stripper2::stripInvisibles},
+        {"leaveCookie:", &Stripper2::leaveCookie},
+        {"stripRestoreFirmwareDeviceMapDotTxt:", &Stripper2::stripRestoreFirmwareDeviceMapDotTxt},
+        {"stripRestoreFirmwareDeviceMapDotPlist:", &Stripper2::stripRestoreFirmwareDeviceMapDotPlist},
+        {"stripRestoreFirmwareTargetMapDotTxt:", &Stripper2::stripRestoreFirmwareTargetMapDotTxt},
+        {"stripRestoreFirmwarePlatformKeysDotPlist:", &Stripper2::stripRestoreFirmwarePlatformKeysDotPlist},
+        {"stripFWPKs:", &Stripper2::stripFWPKs},
+        {"stripDebugFolder:", &Stripper2::stripDebugFolder},
+        {"stripUnencryptedImages:", &Stripper2::stripUnencryptedImages},
+        {"stripHomeDiags:", &Stripper2::stripHomeDiags},
+        {"stripSDKs:", &Stripper2::stripSDKs},
+        {"stripBundleImages:", &Stripper2::stripBundleImages},
+        {"stripBogusRestoreImagesInRootDirectory:", &Stripper2::stripBogusRestoreImagesInRootDirectory},
+        {"stripRestoreTools:", &Stripper2::stripRestoreTools},
+    };
+    auto found = operations.find(selector);
+    return found == operations.end() ? nullptr : found->second;
+}
+
+int Stripper2::performWork(const Value&) { return runWorkList(*this, workList_); }
+
+int Stripper2::stripCommonWork(const Value& item) {
+    static const char* const passes[] = {
+        "stripRestoreFirmwareDeviceMapDotTxt:", "stripRestoreFirmwareDeviceMapDotPlist:",
+        "stripRestoreFirmwareTargetMapDotTxt:", "stripRestoreFirmwarePlatformKeysDotPlist:",
+        "stripFWPKs:", "stripDebugFolder:", "stripUnencryptedImages:", "stripHomeDiags:", "stripSDKs:",
+        "stripBundleImages:", "stripBogusRestoreImagesInRootDirectory:", "stripRestoreTools:",
+    };
+    int result = 0;
+    for (const char* pass : passes) {
+        Value copy = Value::dictionary(*item.asDictionary());
+        result = (this->*operationNamed(pass))(copy);
+        if (result != 0) return result;
+    }
+    return result;
+}
+
+int Stripper2::leaveCookie(const Value&) {
+    if (option("noCookie")) return 0;
+    Log("+++ Oreo's left.  No milk.");
+    Value cookie = Value::dictionary();
+    cookie.set("WhittleCookie.plist", makeCookie(bundleRoot_, stripOptions_));
+    modifiedFilesList_.append(cookie);
+    return 0;
+}
+
+// ---- utilities ----
+
+Value Stripper2::mutableDictionaryAtSubpath(const std::string& path) const {
+    std::string fullPath = pathInBundle(path);
+    if (!pathExists(fullPath)) {
+        if (verbose()) Log("!!! NOTE: \"%@\" not found.", path);
+        return {};
+    }
+    auto bytes = readWholeFile(fullPath);
+    if (!bytes) {
+        if (verbose()) Log("!!! NOTE: cannot read \"%@\".", path);
+        return {};
+    }
+    Value parsed = parsePropertyList(*bytes);
+    if (!parsed.isDictionary()) {
+        if (verbose()) {
+            Log("!!! NOTE: cannot unserialize \"%@\" - %@.", path,
+                parsed.isNone() ? "not a property list" : "the property list is not a dictionary");
+        }
+        return {};
+    }
+    return parsed;
+}
+
+int Stripper2::addSubpathToKeepList(const std::string& path, std::vector<std::string>& keepList) const {
+    if (!bundleLists(path)) return 1;
+    if (path.empty()) return 0;
+    std::string current = path;
+    while (!current.empty()) {
+        keepList.push_back(current);
+        std::string parent = deletingLastPathComponent(current);
+        if (parent == current) break;
+        current = std::move(parent);
+    }
+    return 0;
+}
+
+std::vector<std::string> Stripper2::submanifestStartingAt(const std::string& path) const {
+    return submanifestStartingAt(path, true);
+}
+
+std::vector<std::string> Stripper2::submanifestStartingAt(const std::string& path, bool deep) const {
+    if (!bundleLists(path)) return {};
+    std::vector<std::string> paths{path};
+    std::string prefix = path + "/";
+    for (const auto& entry : originalManifest_) {
+        if (!entry.starts_with(prefix)) continue;
+        if (deep || entry.find('/', prefix.size()) == std::string::npos) paths.push_back(entry);
+    }
+    return paths;
+}
+
+}  // namespace whittle

@@ -1,0 +1,133 @@
+// The legacy strip engine. It cuts a request into independent work items, one per
+// product, device class and factory variant; each item yields its own kept-path array
+// and its own new file contents, and closing items merge them into the run's result.
+// The bundle is listed once, at construction, and only ever read.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "engine/Catalogue.hpp"
+#include "engine/Stripper.hpp"
+#include "support/Value.hpp"
+
+namespace whittle {
+
+class Stripper2 : public Stripper {
+public:
+    // The operation a work item's "workSelector" names, or nullptr.
+    using WorkOperation = int (Stripper2::*)(const Value&);
+    static WorkOperation operationNamed(std::string_view selector);
+
+    Stripper2(std::string bundleRoot, const Value& products, const Value& factoryVariants, const Value& options);
+
+    static std::unique_ptr<Stripper> stripperForPath(const std::string& bundleRoot, const Value& products,
+                                                     const Value& factoryVariants, const Value& options);
+    // This engine's own catalogue; it holds the same rows as the default engine's.
+    static const Catalogue& catalogue();
+    static std::vector<std::string> knownProducts();
+    static std::vector<std::string> knownFactoryVariants();
+
+    int strip() override;
+    Value validProducts() override;
+    Value validFactoryVariants() override;
+    Value bundleRoot() const override { return Value::string(bundleRoot_); }
+    // Both are unset (none) until the merge steps have run.
+    Value strippedManifest() override { return strippedManifest_; }
+    Value modifiedFiles() override { return modifiedFiles_; }
+
+    // ---- request analysis and the work list ----
+    int preanalyzeRequest();
+    int performWork(const Value& unused);
+    Value factoryVariantsForDeviceClasses(const Value& deviceClasses, const Value& buildManifest) const;
+    bool checkPersonalized() const;
+    bool checkUnpersonalized() const;
+
+    // ---- per-item work ----
+    int stripRestoreUsingTessera(const Value& item);
+    int stripRestorePlistUsingTessera(const Value& item);
+    int stripRestoreWithoutTessera(const Value& item);
+    int stripBuildManifestWithoutTessera(const Value& item);
+
+    // ---- support files ----
+    int stripCommonWork(const Value& item);
+    int stripRestoreFirmwareDeviceMapDotTxt(const Value& item);
+    int stripRestoreFirmwareDeviceMapDotPlist(const Value& item);
+    int stripRestoreFirmwareTargetMapDotTxt(const Value& item);
+    int stripRestoreFirmwarePlatformKeysDotPlist(const Value& item);
+    int stripFWPKs(const Value& item);
+    int stripDebugFolder(const Value& item);
+    int stripUnencryptedImages(const Value& item);
+    int stripHomeDiags(const Value& item);
+    int stripSDKs(const Value& item);
+    int stripBundleImages(const Value& item);
+    int stripBogusRestoreImagesInRootDirectory(const Value& item);
+    int stripRestoreTools(const Value& item);
+
+    // ---- merging the partial results, and the closing steps ----
+    int mergeStrippedManifests(const Value& item);
+    int mergeModifiedFiles(const Value& item);
+    int stripInvisibles(const Value& item);
+    int leaveCookie(const Value& item);
+
+    // ---- utilities ----
+    // The property list at a bundle-relative path, parsed afresh on every call; none
+    // (with a note in verbose mode) when it is missing, unreadable or not a dictionary.
+    Value mutableDictionaryAtSubpath(const std::string& path) const;
+    // Appends the path and its parents, when the bundle lists the path (0); else 1.
+    int addSubpathToKeepList(const std::string& path, std::vector<std::string>& keepList) const;
+    // The path itself followed by every listed path below it (or, not deep, its direct
+    // children only); empty when the bundle does not list the path.
+    std::vector<std::string> submanifestStartingAt(const std::string& path) const;
+    std::vector<std::string> submanifestStartingAt(const std::string& path, bool deep) const;
+    bool bundleLists(const std::string& path) const { return originalPaths_.contains(path); }
+
+    // ---- fields ----
+    const Value& stripInfo() const { return stripInfo_; }
+    const Value& stripOptions() const { return stripOptions_; }
+    const std::vector<std::string>& originalManifest() const { return originalManifest_; }
+    const Value& strippedManifestsList() const { return strippedManifestsList_; }
+    void setStrippedManifestsList(Value list) { strippedManifestsList_ = std::move(list); }
+    const Value& modifiedFilesList() const { return modifiedFilesList_; }
+    void setModifiedFilesList(Value list) { modifiedFilesList_ = std::move(list); }
+    void setStrippedManifest(Value manifest) { strippedManifest_ = std::move(manifest); }
+    void setModifiedFiles(Value files) { modifiedFiles_ = std::move(files); }
+    const Value& workList() const { return workList_; }
+    void setWorkList(Value list) { workList_ = std::move(list); }
+
+private:
+
+    bool option(std::string_view key) const;
+    std::string pathInBundle(std::string_view bundleRelativePath) const;
+    void appendKeptPaths(const std::vector<std::string>& paths);
+    int keepListingWhenAsked(std::string_view optionKey, const std::string& folder, const char* foundMessage,
+                             const char* scrubMessage);
+    int keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* foundMessage,
+                                 bool messageNamesTarget, const char* scrubMessage);
+    int stripFirmwareTextMap(const Value& item, bool isDeviceMap);
+    // Part of Restore.plist cut down to one item's product, processor, models, kernel-cache
+    // kinds and system image type; none when it cannot be read. `report` says whether the
+    // findings are logged.
+    Value restorePlistCutFor(const Value& item, bool report) const;
+    // The manifest's identities of the item's device class and of the personalization
+    // variant of its factory variant, in manifest order.
+    Value identitiesFor(const Value& buildManifest, const Value& item) const;
+    // The manifest listing only these identities and the item's models.
+    static Value buildManifestWithIdentities(const Value& buildManifest, const Value& identities, const Value& item);
+
+    std::string bundleRoot_;
+    Value stripOptions_;
+    Value stripInfo_;
+    std::vector<std::string> originalManifest_;
+    std::unordered_set<std::string> originalPaths_;
+    Value strippedManifest_;
+    Value modifiedFiles_;
+    Value strippedManifestsList_ = Value::array();
+    Value modifiedFilesList_ = Value::array();
+    Value workList_;
+};
+
+}  // namespace whittle
