@@ -8,6 +8,7 @@
 
 #include "engine/Catalogue.hpp"
 #include "support/FileSystem.hpp"
+#include "support/LogObject.hpp"
 #include "support/Helpers.hpp"
 
 namespace whittle {
@@ -148,6 +149,21 @@ ValueArray platformsOfProducts(const ValueArray& products) {
         if (processor.isString()) platforms.push_back(processor);
     }
     return platforms;
+}
+
+std::optional<std::string> readFirmwareTextMap(const std::string& path, bool isDeviceMap) {
+    if (!fileExists(path)) {
+        Log(isDeviceMap ? "!!! WARNING: \"Restore/Firmware/device_map.txt\" not found." : "!!! WARNING: target_map.txt not found.");
+        return std::nullopt;
+    }
+    std::string error;
+    auto text = readUtf8Text(path, error);
+    if (!text) {
+        Log(isDeviceMap ? "!!! WARNING: \"Restore/Firmware/device_map.txt\" could not be read - %@."
+                        : "!!! WARNING: target_map.txt could not be read - %@.",
+            error);
+    }
+    return text;
 }
 
 }  // namespace whittle

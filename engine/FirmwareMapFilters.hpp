@@ -20,6 +20,10 @@ bool fileExists(const std::string& path);
 // The text of a file, or none with the reason it cannot be read as UTF-8 text.
 std::optional<std::string> readUtf8Text(const std::string& path, std::string& error);
 
+// The text of device_map.txt or target_map.txt at the path; when it is missing or
+// cannot be read, says so with that file's own warning and answers none.
+std::optional<std::string> readFirmwareTextMap(const std::string& path, bool isDeviceMap);
+
 // A map file cut down: its new content, what the kept part reports and what the
 // dropped part would have reported.
 struct FilteredMap {

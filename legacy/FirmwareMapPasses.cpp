@@ -19,19 +19,8 @@ void reportFindings(const char* fileName, const FilteredMap& map, const std::str
 
 int Stripper2::stripFirmwareTextMap(const Value& item, bool isDeviceMap) {
     const char* file = isDeviceMap ? kDeviceMapText : kTargetMapText;
-    std::string path = pathInBundle(file);
-    if (!fileExists(path)) {
-        Log(isDeviceMap ? "!!! WARNING: \"Restore/Firmware/device_map.txt\" not found." : "!!! WARNING: target_map.txt not found.");
-        return 0;
-    }
-    std::string error;
-    auto text = readUtf8Text(path, error);
-    if (!text) {
-        Log(isDeviceMap ? "!!! WARNING: \"Restore/Firmware/device_map.txt\" could not be read - %@."
-                        : "!!! WARNING: target_map.txt could not be read - %@.",
-            error);
-        return 0;
-    }
+    auto text = readFirmwareTextMap(pathInBundle(file), isDeviceMap);
+    if (!text) return 0;
     Value names = item.get(isDeviceMap ? "workDeviceClassList" : "workProductList");
     FilteredMap map = isDeviceMap ? filterDeviceMapText(*text, names.elements()) : filterTargetMapText(*text, names.elements());
     const char* fileName = isDeviceMap ? "device_map.txt" : "target_map.txt";

@@ -25,16 +25,6 @@ namespace whittle::test {
 
 namespace {
 
-void appendAvailable(int fd, std::string& sink, bool& open) {
-    char buffer[65536];
-    ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got > 0) {
-        sink.append(buffer, static_cast<std::size_t>(got));
-    } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
-        open = false;  // end of file; a terminal's master side answers EIO instead
-    }
-}
-
 [[noreturn]] void startChild(const std::vector<std::string>& argv, int terminal, int outFd, int errFd) {
     ::setsid();
     if (terminal >= 0) {

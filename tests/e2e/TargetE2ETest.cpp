@@ -38,34 +38,9 @@ protected:
         std::vector<std::string> arguments{source()};
         arguments.insert(arguments.end(), requestArguments.begin(), requestArguments.end());
         arguments.push_back("--dryrun");
-        auto result = whittle(arguments);
-        bool inCreated = false;
-        for (const auto& line : linesOf(result.out)) {
-            if (line == "Files to be created:") inCreated = true;
-            if (line.size() < 2 || line[0] != '\t') continue;
-            std::string path = line.substr(1, line.find('\t', 1) - 1);
-            (inCreated ? created : copied).insert(path);
-        }
-    }
-
-    static std::set<std::string> treeOf(const std::string& root) {
-        std::set<std::string> paths;
-        for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator(); ++it) {
-            paths.insert(it->path().lexically_relative(root).string());
-        }
-        return paths;
-    }
-
-    static std::set<std::string> withParents(const std::set<std::string>& paths) {
-        std::set<std::string> all;
-        for (auto path : paths) {
-            while (!path.empty()) {
-                all.insert(path);
-                auto slash = path.find_last_of('/');
-                path = slash == std::string::npos ? std::string() : path.substr(0, slash);
-            }
-        }
-        return all;
+        DryRunLists lists = dryRunListsOf(whittle(arguments).out);
+        copied = lists.copied;
+        created = lists.created;
     }
 
     static bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
@@ -94,9 +69,9 @@ TEST_F(WhittleTarget, FolderTargetHoldsExactlyTheKeptAndCreatedFiles) {
     ASSERT_FALSE(copied.empty());
     auto result = whittle(plus({source(), dir / "out"}, request));
     EXPECT_EQ(result.status, 0) << result.out;
-    std::set<std::string> expected = withParents(copied);
-    for (const auto& path : withParents(created)) expected.insert(path);
-    EXPECT_EQ(treeOf(dir / "out"), expected);
+    std::set<std::string> expected = withParentFolders(copied);
+    for (const auto& path : withParentFolders(created)) expected.insert(path);
+    EXPECT_EQ(folderTree(dir / "out"), expected);
     EXPECT_TRUE(fs::is_symlink(dir / "out/Restore/X10UserOS.dmg"));
     EXPECT_TRUE(fs::is_symlink(dir / "out/RestoreTools.dmg"));
     Value manifest = parsePropertyList(readFile(dir / "out/Restore/BuildManifest.plist"));
@@ -173,7 +148,7 @@ TEST_F(WhittleTarget, ExistingTargetIsLeftAloneWithoutOverwrite) {
     EXPECT_EQ(result.status, 17);
     EXPECT_TRUE(contains(result.out, "XXX ERROR: target \"out\" already exists.\n"));
     EXPECT_EQ(readFile(dir / "out/mine.txt"), "mine");
-    EXPECT_EQ(treeOf(dir / "out"), std::set<std::string>{"mine.txt"});
+    EXPECT_EQ(folderTree(dir / "out"), std::set<std::string>{"mine.txt"});
 }
 
 TEST_F(WhittleTarget, OverwriteMovesTheExistingTargetToTheTrash) {

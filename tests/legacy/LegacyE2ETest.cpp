@@ -45,33 +45,9 @@ protected:
     void dryRunLists(const std::vector<std::string>& request, std::set<std::string>& copied, std::set<std::string>& created) {
         auto result = whittle(plus(plus({source()}, request), {"--dryrun"}));
         ASSERT_EQ(result.status, 0) << result.out;
-        bool inCreated = false;
-        for (const auto& line : linesOf(result.out)) {
-            if (line == "Files to be created:") inCreated = true;
-            if (line.size() < 2 || line[0] != '\t') continue;
-            std::string path = line.substr(1, line.find('\t', 1) - 1);
-            (inCreated ? created : copied).insert(path);
-        }
-    }
-
-    static std::set<std::string> treeOf(const std::string& root) {
-        std::set<std::string> paths;
-        for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator(); ++it) {
-            paths.insert(it->path().lexically_relative(root).string());
-        }
-        return paths;
-    }
-
-    static std::set<std::string> withParents(const std::set<std::string>& paths) {
-        std::set<std::string> all;
-        for (auto path : paths) {
-            while (!path.empty()) {
-                all.insert(path);
-                auto slash = path.find_last_of('/');
-                path = slash == std::string::npos ? std::string() : path.substr(0, slash);
-            }
-        }
-        return all;
+        DryRunLists lists = dryRunListsOf(result.out);
+        copied = lists.copied;
+        created = lists.created;
     }
 
     static std::set<std::string> united(std::set<std::string> a, const std::set<std::string>& b) {
@@ -178,9 +154,9 @@ TEST_P(LegacyTarget, OutputHoldsExactlyTheKeptAndCreatedFiles) {
     ASSERT_EQ(result.status, 0) << result.out << result.err;
 
     std::set<std::string> written;
-    std::set<std::string> expected = united(withParents(copied), withParents(created));
+    std::set<std::string> expected = united(withParentFolders(copied), withParentFolders(created));
     if (extension.empty()) {
-        written = treeOf(target);
+        written = folderTree(target);
         EXPECT_FALSE(fs::exists(target + "/WhittleCookie.plist"));
         Value manifest = parsePropertyList(readFile(target + "/Restore/BuildManifest.plist"));
         for (const auto& identity : manifest.get("BuildIdentities").elements()) {
@@ -231,7 +207,7 @@ TEST_F(LegacyRun, BothStrategiesTogetherWriteOneWorkingBundle) {
     dryRunLists(request, copied, created);
     auto result = whittle(plus({source(), dir / "out"}, request));
     ASSERT_EQ(result.status, 0) << result.out;
-    EXPECT_EQ(treeOf(dir / "out"), united(withParents(copied), withParents(created)));
+    EXPECT_EQ(folderTree(dir / "out"), united(withParentFolders(copied), withParentFolders(created)));
     // Every file the stripped manifest names is in the stripped bundle.
     Value manifest = parsePropertyList(readFile(dir / "out/Restore/BuildManifest.plist"));
     ASSERT_EQ(manifest.get("BuildIdentities").count(), 1u);

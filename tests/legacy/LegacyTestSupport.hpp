@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "BundleGenerator.hpp"
-#include "TestSupport.hpp"
+#include "BundleFixture.hpp"
 #include "legacy/Stripper2.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
@@ -20,29 +19,11 @@
 
 namespace whittle::test {
 
-class LegacyTest : public testing::Test {
+class LegacyTest : public BundleFixture {
 protected:
     void SetUp() override {
-        LogObject::sharedLogger().setVerbose(false);
-        LogObject::sharedLogger().setUseTTY(false);
+        BundleFixture::SetUp();
         std::filesystem::create_directories(root());
-    }
-
-    std::string root() const { return dir.path() + "/bundle"; }
-    std::string at(const std::string& relative) const { return root() + "/" + relative; }
-
-    bundlegen::GeneratedBundle generate(const bundlegen::BundlePlan& plan) { return bundlegen::generateBundle(root(), plan); }
-
-    // A bundle with the given products, each offering the given factory variants.
-    bundlegen::GeneratedBundle generate(const std::vector<std::string>& products, const std::vector<std::string>& variants) {
-        bundlegen::BundlePlan plan;
-        for (const auto& product : products) {
-            bundlegen::ProductPlan productPlan;
-            productPlan.product = product;
-            productPlan.factoryVariants = variants;
-            plan.products.push_back(productPlan);
-        }
-        return generate(plan);
     }
 
     // An engine over the bundle as it is now (the engine lists the bundle when it is made).
@@ -54,12 +35,6 @@ protected:
         return std::make_unique<Stripper2>(root(), productList, variantList, options);
     }
 
-    static Value options(std::initializer_list<const char*> trueKeys) {
-        Value result = Value::dictionary();
-        for (const char* key : trueKeys) result.set(key, Value::boolean(true));
-        return result;
-    }
-
     static Value dict(std::initializer_list<std::pair<const char*, Value>> entries) {
         Value result = Value::dictionary();
         for (const auto& [key, value] : entries) result.set(key, value);
@@ -67,15 +42,6 @@ protected:
     }
 
     static Value strings(const std::vector<std::string>& texts) { return Value::stringArray(texts); }
-
-    // Runs the body and answers what it logged; standard output is kept quiet.
-    static std::string logged(const std::function<void()>& body) {
-        std::string before = LogObject::sharedLogger().historicalLog();
-        testing::internal::CaptureStdout();
-        body();
-        testing::internal::GetCapturedStdout();
-        return LogObject::sharedLogger().historicalLog().substr(before.size());
-    }
 
     void file(const std::string& relative, const std::string& content = "x") {
         std::filesystem::create_directories(std::filesystem::path(at(relative)).parent_path());
@@ -86,13 +52,6 @@ protected:
         std::filesystem::create_directories(std::filesystem::path(at(relative)).parent_path());
         std::filesystem::create_symlink(target, at(relative));
     }
-    void writePlist(const std::string& relative, const Value& value) {
-        std::filesystem::create_directories(std::filesystem::path(at(relative)).parent_path());
-        writeFile(at(relative), xmlPropertyList(value));
-    }
-    Value readPlist(const std::string& relative) { return mutableDictionaryAtPath(at(relative)); }
-
-    static bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
     static std::vector<std::string> texts(const Value& list) {
         std::vector<std::string> out;
@@ -109,8 +68,6 @@ protected:
         const Value& list = stripper.modifiedFilesList();
         return list.count() == 0 ? Value() : list.at(list.count() - 1);
     }
-
-    TempDir dir;
 };
 
 }  // namespace whittle::test

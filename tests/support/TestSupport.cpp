@@ -51,16 +51,6 @@ void removeTree(const std::string& path) {
 
 namespace {
 
-void drainInto(int fd, std::string& sink, bool& open) {
-    char buffer[65536];
-    ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got > 0) {
-        sink.append(buffer, static_cast<std::size_t>(got));
-    } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
-        open = false;  // end of file; a terminal's master side answers EIO instead
-    }
-}
-
 [[noreturn]] void execChild(const std::vector<std::string>& argv, const RunOptions& options, int outFd, int errFd) {
     int devNull = ::open("/dev/null", O_RDONLY);
     ::dup2(devNull, 0);
@@ -76,6 +66,16 @@ void drainInto(int fd, std::string& sink, bool& open) {
 }
 
 }  // namespace
+
+void appendAvailable(int fd, std::string& sink, bool& open) {
+    char buffer[65536];
+    ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got > 0) {
+        sink.append(buffer, static_cast<std::size_t>(got));
+    } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+        open = false;
+    }
+}
 
 ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions& options) {
     int outPipe[2];
@@ -106,8 +106,8 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions&
     while (outOpen || errOpen) {
         pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errRead, POLLIN, 0}};
         ::poll(fds, 2, 100);
-        if (outOpen && (fds[0].revents & (POLLIN | POLLHUP | POLLERR))) drainInto(outPipe[0], result.out, outOpen);
-        if (errOpen && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) drainInto(errRead, result.err, errOpen);
+        if (outOpen && (fds[0].revents & (POLLIN | POLLHUP | POLLERR))) appendAvailable(outPipe[0], result.out, outOpen);
+        if (errOpen && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) appendAvailable(errRead, result.err, errOpen);
         if (std::chrono::steady_clock::now() > deadline) {
             ::kill(child, SIGKILL);
             break;
@@ -127,6 +127,38 @@ ProgramResult runWhittle(const std::vector<std::string>& arguments, const RunOpt
     std::vector<std::string> argv{whittleBinary()};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return runProgram(argv, options);
+}
+
+std::set<std::string> folderTree(const std::string& root) {
+    std::set<std::string> paths;
+    for (auto it = std::filesystem::recursive_directory_iterator(root); it != std::filesystem::recursive_directory_iterator(); ++it) {
+        paths.insert(it->path().lexically_relative(root).string());
+    }
+    return paths;
+}
+
+std::set<std::string> withParentFolders(const std::set<std::string>& paths) {
+    std::set<std::string> all;
+    for (auto path : paths) {
+        while (!path.empty()) {
+            all.insert(path);
+            auto slash = path.find_last_of('/');
+            path = slash == std::string::npos ? std::string() : path.substr(0, slash);
+        }
+    }
+    return all;
+}
+
+DryRunLists dryRunListsOf(const std::string& output) {
+    DryRunLists lists;
+    bool inCreated = false;
+    for (const auto& line : linesOf(output)) {
+        if (line == "Files to be created:") inCreated = true;
+        if (line.size() < 2 || line[0] != '\t') continue;
+        std::string path = line.substr(1, line.find('\t', 1) - 1);
+        (inCreated ? lists.created : lists.copied).insert(path);
+    }
+    return lists;
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

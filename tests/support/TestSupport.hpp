@@ -2,6 +2,7 @@
 // their output captured (optionally with standard error on a pseudo-terminal).
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,12 +40,29 @@ struct RunOptions {
     std::vector<std::pair<std::string, std::string>> environment;  // variables set for the program
 };
 
+// Appends what one read of the descriptor gives; clears open at its end (a terminal's
+// master side answers an error instead of an end of file).
+void appendAvailable(int fd, std::string& sink, bool& open);
+
 ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
 
 // The built whittle binary.
 std::string whittleBinary();
 // Runs whittle with these arguments (the program path is added in front).
 ProgramResult runWhittle(const std::vector<std::string>& arguments, const RunOptions& options = {});
+
+// Every path below a folder, relative to it; links are listed, never followed.
+std::set<std::string> folderTree(const std::string& root);
+
+// The paths together with every one of their parent folders.
+std::set<std::string> withParentFolders(const std::set<std::string>& paths);
+
+// What a dry run's listing says a stripped bundle copies and creates.
+struct DryRunLists {
+    std::set<std::string> copied;
+    std::set<std::string> created;
+};
+DryRunLists dryRunListsOf(const std::string& output);
 
 // The lines of a text, without their line ends.
 std::vector<std::string> linesOf(const std::string& text);

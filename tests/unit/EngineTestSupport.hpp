@@ -9,8 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "BundleGenerator.hpp"
-#include "TestSupport.hpp"
+#include "BundleFixture.hpp"
 #include "engine/Catalogue.hpp"
 #include "engine/Stripper3.hpp"
 #include "support/LogObject.hpp"
@@ -19,30 +18,8 @@
 
 namespace whittle::test {
 
-class EngineTest : public testing::Test {
+class EngineTest : public BundleFixture {
 protected:
-    void SetUp() override {
-        LogObject::sharedLogger().setVerbose(false);
-        LogObject::sharedLogger().setUseTTY(false);
-    }
-
-    std::string root() const { return dir.path() + "/bundle"; }
-    std::string at(const std::string& relative) const { return root() + "/" + relative; }
-
-    bundlegen::GeneratedBundle generate(const bundlegen::BundlePlan& plan) { return bundlegen::generateBundle(root(), plan); }
-
-    // A bundle with the given products, each offering the given factory variants.
-    bundlegen::GeneratedBundle generate(const std::vector<std::string>& products, const std::vector<std::string>& variants) {
-        bundlegen::BundlePlan plan;
-        for (const auto& product : products) {
-            bundlegen::ProductPlan productPlan;
-            productPlan.product = product;
-            productPlan.factoryVariants = variants;
-            plan.products.push_back(productPlan);
-        }
-        return generate(plan);
-    }
-
     std::unique_ptr<Stripper3> engine(const std::vector<std::string>& products, const std::vector<std::string>& variants,
                                       const Value& options = Value::dictionary()) {
         Value productList = products.empty() ? Value() : Value::stringArray(products);
@@ -50,29 +27,7 @@ protected:
         return std::make_unique<Stripper3>(root(), productList, variantList, options);
     }
 
-    static Value options(std::initializer_list<const char*> trueKeys) {
-        Value result = Value::dictionary();
-        for (const char* key : trueKeys) result.set(key, Value::boolean(true));
-        return result;
-    }
-
-    // Runs the body and answers what it logged; standard output is kept quiet.
-    static std::string logged(const std::function<void()>& body) {
-        std::string before = LogObject::sharedLogger().historicalLog();
-        testing::internal::CaptureStdout();
-        body();
-        testing::internal::GetCapturedStdout();
-        return LogObject::sharedLogger().historicalLog().substr(before.size());
-    }
-
-    void writePlist(const std::string& relative, const Value& value) { writeFile(at(relative), xmlPropertyList(value)); }
-    Value readPlist(const std::string& relative) { return mutableDictionaryAtPath(at(relative)); }
-
-    static bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
     static bool keeps(Stripper3& stripper, const std::string& path) { return stripper.copiedFilelist().contains(path); }
-
-    TempDir dir;
 };
 
 }  // namespace whittle::test
