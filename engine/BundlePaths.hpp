@@ -6,6 +6,10 @@
 
 namespace whittle {
 
+// The bundle's two manifests.
+inline constexpr const char* kBuildManifest = "Restore/BuildManifest.plist";
+inline constexpr const char* kRestorePlist = "Restore/Restore.plist";
+
 // "Restore/Firmware/x.bin" -> "Restore/Firmware"; "x.bin" -> ""; "/x" -> "/".
 std::string deletingLastPathComponent(std::string_view path);
 // "folder" + "/" + "name", or the bare name when the folder is "".

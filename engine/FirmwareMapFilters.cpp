@@ -1,11 +1,10 @@
 #include "engine/FirmwareMapFilters.hpp"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
+#include "engine/BundleFiles.hpp"
 #include "engine/Catalogue.hpp"
 #include "support/FileSystem.hpp"
 #include "support/LogObject.hpp"
@@ -60,6 +59,9 @@ bool mentionsAnyOf(std::string_view line, const ValueArray& names) {
     return false;
 }
 
+// What a failed lookup says when nothing stands at the path (a dangling link included).
+bool isMissingFileError(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
+
 bool equalsAnyIgnoringCase(std::string_view text, const ValueArray& names) {
     for (const auto& name : names) {
         if (name.isString() && equalsIgnoringCase(text, name.text())) return true;
@@ -86,24 +88,6 @@ FilteredMap filterTextMap(const std::string& text, const ValueArray& names, bool
 
 }  // namespace
 
-bool fileExists(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
-}
-
-std::optional<std::string> readUtf8Text(const std::string& path, std::string& error) {
-    errno = 0;
-    auto bytes = readWholeFile(path);
-    if (!bytes) {
-        error = errno ? std::strerror(errno) : "not a readable file";
-        return std::nullopt;
-    }
-    if (!isValidUtf8(*bytes)) {
-        error = "the text is not UTF-8";
-        return std::nullopt;
-    }
-    return bytes;
-}
 
 FilteredMap filterDeviceMapText(const std::string& text, const ValueArray& deviceClasses) {
     return filterTextMap(text, deviceClasses, true);
@@ -151,13 +135,20 @@ ValueArray platformsOfProducts(const ValueArray& products) {
     return platforms;
 }
 
-std::optional<std::string> readFirmwareTextMap(const std::string& path, bool isDeviceMap) {
-    if (!fileExists(path)) {
+std::optional<std::string> readFirmwareTextMap(const BundleFiles& files, const std::string& relative, bool isDeviceMap) {
+    int readError = 0;
+    auto text = files.readFile(relative, &readError);
+    if (!text && isMissingFileError(readError)) {
         Log(isDeviceMap ? "!!! WARNING: \"Restore/Firmware/device_map.txt\" not found." : "!!! WARNING: target_map.txt not found.");
         return std::nullopt;
     }
     std::string error;
-    auto text = readUtf8Text(path, error);
+    if (!text) {
+        error = readError ? std::strerror(readError) : "not a readable file";
+    } else if (!isValidUtf8(*text)) {
+        error = "the text is not UTF-8";
+        text.reset();
+    }
     if (!text) {
         Log(isDeviceMap ? "!!! WARNING: \"Restore/Firmware/device_map.txt\" could not be read - %@."
                         : "!!! WARNING: target_map.txt could not be read - %@.",

@@ -14,15 +14,12 @@ inline constexpr const char* kDeviceMapPlist = "Restore/Firmware/device_map.plis
 inline constexpr const char* kTargetMapText = "Restore/Firmware/target_map.txt";
 inline constexpr const char* kPlatformKeys = "Restore/Firmware/platform_keys.plist";
 
-// True when a file (or anything else) stands at the path, following links.
-bool fileExists(const std::string& path);
+class BundleFiles;
 
-// The text of a file, or none with the reason it cannot be read as UTF-8 text.
-std::optional<std::string> readUtf8Text(const std::string& path, std::string& error);
-
-// The text of device_map.txt or target_map.txt at the path; when it is missing or
-// cannot be read, says so with that file's own warning and answers none.
-std::optional<std::string> readFirmwareTextMap(const std::string& path, bool isDeviceMap);
+// The text of device_map.txt or target_map.txt at the bundle-relative path; when it is
+// missing or cannot be read as UTF-8 text, says so with that file's own warning and
+// answers none.
+std::optional<std::string> readFirmwareTextMap(const BundleFiles& files, const std::string& relative, bool isDeviceMap);
 
 // A map file cut down: its new content, what the kept part reports and what the
 // dropped part would have reported.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "engine/BundlePaths.hpp"
 #include "engine/Catalogue.hpp"
 #include "engine/WorkList.hpp"
 #include "support/Helpers.hpp"
@@ -13,10 +14,11 @@ namespace whittle {
 Stripper3::Stripper3(std::string bundleRoot, const Value& products, const Value& factoryVariants,
                      const Value& options)
     : bundleRoot_(std::move(bundleRoot)),
+      files_(bundleRoot_),
       stripInfo_(Value::dictionary()),
       stripOptions_(Value::dictionary()),
-      buildManifest_(pathInBundle("Restore/BuildManifest.plist")),
-      restorePlist_(pathInBundle("Restore/Restore.plist")) {
+      buildManifest_(pathInBundle(kBuildManifest), [this] { return files_.readFile(kBuildManifest); }),
+      restorePlist_(pathInBundle(kRestorePlist), [this] { return files_.readFile(kRestorePlist); }) {
     stripInfo_.set("BundleRoot", Value::string(bundleRoot_));
     if (products.isArray()) stripInfo_.set("Products", products.deepCopy());
     if (factoryVariants.isArray()) stripInfo_.set("FactoryVariants", factoryVariants.deepCopy());

@@ -13,6 +13,7 @@
 
 #include "engine/FileListRules.hpp"
 #include "engine/Stripper.hpp"
+#include "engine/BundleFiles.hpp"
 #include "support/PropertyList.hpp"
 #include "support/Value.hpp"
 
@@ -115,6 +116,7 @@ private:
     int chooseIdentities(const Value& item, Value& chosen);
 
     std::string bundleRoot_;
+    BundleFiles files_;
     Value stripInfo_;
     Value stripOptions_;
     PropertyList buildManifest_;

@@ -17,12 +17,12 @@ namespace whittle {
 
 Stripper2::Stripper2(std::string bundleRoot, const Value& products, const Value& factoryVariants,
                      const Value& options)
-    : bundleRoot_(std::move(bundleRoot)), stripOptions_(Value::dictionary()), stripInfo_(Value::dictionary()) {
+    : bundleRoot_(std::move(bundleRoot)), files_(bundleRoot_), stripOptions_(Value::dictionary()), stripInfo_(Value::dictionary()) {
     stripInfo_.set("bundleRoot", Value::string(bundleRoot_));
     if (products.isArray()) stripInfo_.set("products", products.deepCopy());
     if (factoryVariants.isArray()) stripInfo_.set("FactoryVariants", factoryVariants.deepCopy());
     // The only listing of the bundle: every later membership test is made against it.
-    listFolderDeep(bundleRoot_, "", originalManifest_);
+    files_.listDeep("", originalManifest_);
     originalPaths_.insert(originalManifest_.begin(), originalManifest_.end());
     if (const auto* entries = options.asDictionary()) {
         for (const auto& [key, value] : *entries) stripOptions_.set(key, value.deepCopy());
@@ -49,13 +49,6 @@ bool Stripper2::checkPersonalized() const { return option("checkPersonalized"); 
 
 bool Stripper2::checkUnpersonalized() const {
     return option("checkUnpersonalized") || option("useRestorePlistInsteadOfBuildManifest");
-}
-
-std::string Stripper2::pathInBundle(std::string_view bundleRelativePath) const {
-    std::string path = bundleRoot_;
-    if (!path.empty() && path.back() != '/') path += '/';
-    path += bundleRelativePath;
-    return path;
 }
 
 void Stripper2::appendKeptPaths(const std::vector<std::string>& paths) {
@@ -318,12 +311,11 @@ int Stripper2::leaveCookie(const Value&) {
 // ---- utilities ----
 
 Value Stripper2::mutableDictionaryAtSubpath(const std::string& path) const {
-    std::string fullPath = pathInBundle(path);
-    if (!pathExists(fullPath)) {
+    if (!files_.exists(path)) {
         if (verbose()) Log("!!! NOTE: \"%@\" not found.", path);
         return {};
     }
-    auto bytes = readWholeFile(fullPath);
+    auto bytes = files_.readFile(path);
     if (!bytes) {
         if (verbose()) Log("!!! NOTE: cannot read \"%@\".", path);
         return {};

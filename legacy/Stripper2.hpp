@@ -10,6 +10,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "engine/BundleFiles.hpp"
 #include "engine/Catalogue.hpp"
 #include "engine/Stripper.hpp"
 #include "support/Value.hpp"
@@ -101,7 +102,6 @@ public:
 private:
 
     bool option(std::string_view key) const;
-    std::string pathInBundle(std::string_view bundleRelativePath) const;
     void appendKeptPaths(const std::vector<std::string>& paths);
     int keepListingWhenAsked(std::string_view optionKey, const std::string& folder, const char* foundMessage,
                              const char* scrubMessage);
@@ -119,6 +119,7 @@ private:
     static Value buildManifestWithIdentities(const Value& buildManifest, const Value& identities, const Value& item);
 
     std::string bundleRoot_;
+    BundleFiles files_;
     Value stripOptions_;
     Value stripInfo_;
     std::vector<std::string> originalManifest_;

@@ -4,14 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "engine/BundlePaths.hpp"
 #include "engine/FileListRules.hpp"
 #include "legacy/Stripper2.hpp"
 #include "support/LogObject.hpp"
 
 namespace whittle {
-
-inline constexpr const char* kBuildManifest = "Restore/BuildManifest.plist";
-inline constexpr const char* kRestorePlist = "Restore/Restore.plist";
 
 // An identity's "Info" field as text; "" when it is missing or not text.
 inline std::string infoText(const Value& identity, const char* field) {

@@ -59,9 +59,16 @@ std::optional<std::string> readWholeFile(const std::string& path) {
     // Non-blocking open, so that a named pipe in place of a file cannot stall the run.
     FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) return std::nullopt;
+    return readWholeDescriptor(fd.get());
+}
+
+std::optional<std::string> readWholeDescriptor(int fd) {
     struct stat info {};
-    if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-    if (static_cast<std::uint64_t>(info.st_size) > kLargestReadableFile) return std::nullopt;
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+    if (static_cast<std::uint64_t>(info.st_size) > kLargestReadableFile) {
+        errno = EFBIG;
+        return std::nullopt;
+    }
 
     // Read straight into a buffer of the file's size; a file that grows meanwhile is
     // read on to its end.
@@ -69,14 +76,17 @@ std::optional<std::string> readWholeFile(const std::string& path) {
     std::size_t filled = 0;
     for (;;) {
         if (filled == content.size()) content.resize(content.size() + (1 << 16));
-        ssize_t got = ::read(fd.get(), content.data() + filled, content.size() - filled);
+        ssize_t got = ::read(fd, content.data() + filled, content.size() - filled);
         if (got < 0) {
             if (errno == EINTR) continue;
             return std::nullopt;
         }
         if (got == 0) break;
         filled += static_cast<std::size_t>(got);
-        if (filled > kLargestReadableFile) return std::nullopt;
+        if (filled > kLargestReadableFile) {
+            errno = EFBIG;
+            return std::nullopt;
+        }
     }
     content.resize(filled);
     return content;

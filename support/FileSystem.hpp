@@ -10,6 +10,8 @@ namespace whittle {
 // The whole content of a regular file; none if it is missing, not a regular file,
 // unreadable or larger than 4 GiB.
 std::optional<std::string> readWholeFile(const std::string& path);
+// The same for a file already open for reading; the descriptor stays open.
+std::optional<std::string> readWholeDescriptor(int fd);
 
 // Writes every byte to a descriptor, going on after short writes and interruptions.
 bool writeAll(int fd, std::string_view bytes);

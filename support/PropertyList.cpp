@@ -22,7 +22,12 @@ std::unique_ptr<PropertyList> PropertyList::propertyListLoadWithPath(const std::
 int PropertyList::load() {
     if (!plistPath_) return 0;
     if (loaded_) return 1;
-    Value contents = mutableDictionaryAtPath(*plistPath_);
+    Value contents;
+    if (!reader_) {
+        contents = mutableDictionaryAtPath(*plistPath_);
+    } else if (auto bytes = reader_()) {
+        contents = parsePropertyList(*bytes);
+    }
     if (contents.isNone()) return 0;
     setEntries(std::move(contents));
     setLoaded(true);

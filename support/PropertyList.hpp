@@ -22,9 +22,13 @@ class PropertyList {
 public:
     using Observer = std::function<void(std::string_view key, const Value& newValue)>;
     using ObserverToken = std::size_t;
+    // Gives the file's bytes, or none when it cannot be read.
+    using Reader = std::function<std::optional<std::string>()>;
 
     PropertyList() = default;
     explicit PropertyList(std::string path) : plistPath_(std::move(path)) {}
+    // A list whose bytes come from the reader instead of the path, which names it.
+    PropertyList(std::string path, Reader reader) : plistPath_(std::move(path)), reader_(std::move(reader)) {}
     // A loaded PropertyList, or nullptr when the file cannot be loaded.
     static std::unique_ptr<PropertyList> propertyListLoadWithPath(const std::string& path);
 
@@ -46,6 +50,7 @@ private:
     void notify(std::string_view key, const Value& newValue);
 
     std::optional<std::string> plistPath_;
+    Reader reader_;
     bool loaded_ = false;
     Value entries_;
     std::vector<std::pair<ObserverToken, Observer>> observers_;
