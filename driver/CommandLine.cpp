@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "support/FileSystem.hpp"
@@ -80,11 +81,6 @@ const OptionSpec* findOption(const std::string& argument) {
         if (equalsIgnoringCase(argument, spec.name)) return &spec;
     }
     return nullptr;
-}
-
-void writeToStandardOutput(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
 }
 
 void printNameList(const std::vector<std::string>& names) {
@@ -240,6 +236,9 @@ ParseOutcome parseCommandLine(const std::vector<std::string>& arguments, RunRequ
         return exitWithoutLog(0);
     }
     request.stripOptions = initialStripOptions();
+    if (!std::all_of(arguments.begin() + 1, arguments.end(), [](const std::string& a) { return isValidUtf8(a); })) {
+        Log("!!! WARNING: the command line holds bytes that are not UTF-8; the files this run writes show each as U+FFFD.");
+    }
 
     for (std::size_t i = 1; i < arguments.size(); ++i) {
         const std::string& argument = arguments[i];

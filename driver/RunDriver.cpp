@@ -5,15 +5,23 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <set>
 #include <vector>
 
+#include "driver/Interrupts.hpp"
+#include "driver/Leftovers.hpp"
 #include "driver/TargetWriters.hpp"
 #include "driver/ToolPaths.hpp"
+#include "driver/ToolRuns.hpp"
+#include "engine/BundleFiles.hpp"
 #include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
@@ -29,8 +37,6 @@ namespace {
 
 constexpr const char* kPassedColours = "\x1b[37m\x1b[42m";
 constexpr const char* kFailedColours = "\x1b[37m\x1b[41m";
-
-void writeOut(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
 std::unique_ptr<Stripper> createEngine(const RunRequest& request) {
     return stripperClass().stripperForPath(*request.source, request.products, request.factoryVariants,
@@ -58,32 +64,9 @@ void diagnostic(const std::string& message) {
     std::fflush(stderr);
 }
 
-void printPropertyList(const Value& value) {
-    writeOut(xmlPropertyList(value) + "\n");
-    std::fflush(stdout);
-}
+void printPropertyList(const Value& value) { writeToStandardOutput(xmlPropertyList(value) + "\n"); }
 
 Value arrayOrEmpty(const Value& value) { return value.isArray() ? value : Value::array(); }
-
-// The extension of a path's last component, without its point ("" when it has none).
-std::string pathExtension(const std::string& path) {
-    std::string name = lastPathComponent(path);
-    auto dot = name.find_last_of('.');
-    return (dot == std::string::npos || dot == 0) ? std::string() : name.substr(dot + 1);
-}
-
-std::string withoutExtension(const std::string& name) {
-    auto dot = name.find_last_of('.');
-    return (dot == std::string::npos || dot == 0) ? name : name.substr(0, dot);
-}
-
-std::string parentFolderOf(const std::string& path) {
-    std::string trimmed = path;
-    while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.pop_back();
-    auto slash = trimmed.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : trimmed.substr(0, slash);
-}
 
 bool itemExists(const std::string& path) {
     struct stat info {};
@@ -107,11 +90,6 @@ std::string trimmedOfLineEnds(std::string text) {
     return text.substr(start);
 }
 
-int runPlatformTool(const std::string& path, const std::vector<std::string>& arguments,
-                    std::string* standardOutput = nullptr, const char* workingDirectory = nullptr) {
-    return runTool(path.c_str(), &arguments, workingDirectory, standardOutput, nullptr, verboseMode == 1);
-}
-
 // One run of the tool, from the parsed command line to the saved log.
 class Run {
 public:
@@ -121,12 +99,15 @@ public:
 private:
     enum class Next { Continue, Eject, SaveLog };
 
+    void reportSourceKindProblems();
+    void reportMissingRestoreFolder();
     Next mountSource();
     Next runEngine();
     void runTestPass();
     int reportValidProducts(Stripper& engine);
     int reportValidVariants(std::unique_ptr<Stripper>& engine);
     Next stripAndFinish(Stripper& engine);
+    void warnAboutKeptPathsNotInBundle(Stripper& engine);
     void printDryRunListing(Stripper& engine);
     void reportVerdict();
     bool clearExistingTarget();
@@ -135,9 +116,13 @@ private:
     int writeZipTarget(Stripper& engine);
     int writeDiskImageTarget(Stripper& engine);
     int writeFolderTarget(Stripper& engine);
+    int makeTemporaryFolder();
+    int moveStagedTargetIntoPlace();
     int applyModifiedFilesTo(Stripper& engine, const std::string& folder);
     std::string temporaryFolder() const;
     std::string temporaryBundleFolder() const;
+    void noteInterruption();
+    int finishInterrupted();
     void cleanUp();
     void eject();
 
@@ -145,14 +130,51 @@ private:
     int status_ = 0;
     std::string deviceEntry_;
     bool previouslyMounted_ = false;
+    bool interruptionNoted_ = false;
     std::vector<std::string> temporaryItems_;
+    // The target made absolute, and the name it is built under before it is renamed
+    // into place; messages keep naming the target as it was typed.
+    std::string absoluteTarget_;
+    std::string stagedTarget_;
 };
 
 int Run::execute() {
+    reportSourceKindProblems();
     Next next = mountSource();
-    if (next == Next::Continue) next = runEngine();
+    if (next == Next::Continue && !interrupted()) {
+        reportMissingRestoreFolder();
+        next = runEngine();
+    }
+    if (interrupted()) return finishInterrupted();
     if (next != Next::SaveLog) eject();
     return status_;
+}
+
+// ---- what is wrong with the source, said before the failure it leads to ----
+
+void Run::reportSourceKindProblems() {
+    const std::string& source = *request_.source;
+    struct stat info {};
+    if (::stat(source.c_str(), &info) != 0) {
+        int error = errno;
+        if (error == ENOENT || error == ENOTDIR) {
+            Log("XXX ERROR: source \"%@\" does not exist.", source);
+        } else {
+            Log("XXX ERROR: source \"%@\" cannot be reached - %@.", source, std::string(std::strerror(error)));
+        }
+    } else if (!S_ISDIR(info.st_mode) && !equalsIgnoringCase(pathExtension(source), "dmg")) {
+        Log("XXX ERROR: source \"%@\" is neither a folder nor a disk image (\".dmg\").", source);
+    }
+}
+
+void Run::reportMissingRestoreFolder() {
+    const std::string& source = *request_.source;
+    struct stat info {};
+    if (::stat(source.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return;
+    BundleFiles files(source);
+    if (!files.isFolder("Restore") && !files.linkTarget("Restore")) {
+        Log("XXX ERROR: source \"%@\" has no \"Restore\" folder.", source);
+    }
 }
 
 // ---- step 1: a disk-image source ----
@@ -167,6 +189,7 @@ Run::Next Run::mountSource() {
     std::string output;
     if (int status = runPlatformTool(diskImageToolPath(), arguments, &output)) {
         Log("XXX ERROR: unable to mount source disk image: %s.", source);
+        explainLastToolFailure();
         status_ = status;
         return Next::SaveLog;
     }
@@ -271,17 +294,31 @@ Run::Next Run::stripAndFinish(Stripper& engine) {
     if (verboseMode == 1) engine.setVerbose(true);
     Log(">>> analyzing bundle.");
     status_ = engine.strip();
+    if (interrupted()) return Next::Eject;
+    bool validating = !request_.target || request_.dryRun;
+    if (validating && status_ == 0) warnAboutKeptPathsNotInBundle(engine);
     if (request_.dryRun) printDryRunListing(engine);
-    if (!request_.target || request_.dryRun) {
+    if (validating) {
         reportVerdict();
         return Next::Eject;
     }
     if (status_ != 0) return Next::Eject;
     if (!clearExistingTarget()) return Next::Eject;
     status_ = writeTarget(engine);
-    if (status_ != 0) temporaryItems_.push_back(*request_.target);
+    if (status_ != 0 && !stagedTarget_.empty()) temporaryItems_.push_back(stagedTarget_);
+    if (interrupted()) noteInterruption();
     cleanUp();
     return Next::Eject;
+}
+
+// A kept path the bundle does not hold passes the analysis but fails the copy: say so
+// before the verdict.
+void Run::warnAboutKeptPathsNotInBundle(Stripper& engine) {
+    BundleFiles files(std::string(engine.bundleRoot().text()));
+    Value kept = engine.strippedManifest();
+    for (const auto& path : kept.elements()) {
+        if (!files.exists(path.text())) Log("!!! WARNING: kept path \"%@\" is not in the bundle.", path);
+    }
 }
 
 void Run::printDryRunListing(Stripper& engine) {
@@ -301,20 +338,15 @@ void Run::printDryRunListing(Stripper& engine) {
             }
         }
     }
-    writeOut(listing);
-    std::fflush(stdout);
+    writeToStandardOutput(listing);
 }
 
 void Run::reportVerdict() {
     bool onTerminal = ::isatty(STDERR_FILENO) == 1;
-    if (onTerminal) {
-        writeOut(status_ == 0 ? kPassedColours : kFailedColours);
-        std::fflush(stdout);
-    }
+    if (onTerminal) writeToStandardOutput(status_ == 0 ? kPassedColours : kFailedColours);
     MustLog(status_ == 0 ? "Validation PASSED." : "Validation FAILED.");
     if (onTerminal) {
-        writeOut(std::string(kColourReset) + kColourReset);
-        std::fflush(stdout);
+        writeToStandardOutput(std::string(kColourReset) + kColourReset);
         std::fflush(stderr);
     }
 }
@@ -342,20 +374,49 @@ bool Run::clearExistingTarget() {
     return true;
 }
 
+// Every kind of target is built under a name of this run's own beside the target and
+// renamed to the target path as the last step, so the target path never holds a part.
 int Run::writeTarget(Stripper& engine) {
+    absoluteTarget_ = std::filesystem::absolute(*request_.target).string();
+    clearLeftoversOfEndedRuns(parentFolderOf(absoluteTarget_));
+    stagedTarget_ = stagingPathFor(absoluteTarget_, ::getpid());
     std::string kind = pathExtension(*request_.target);
-    if (kind == "bom") return writeBomTarget(engine);
-    if (kind == "zip") return writeZipTarget(engine);
-    if (kind == "dmg") return writeDiskImageTarget(engine);
-    return writeFolderTarget(engine);
+    int status = kind == "bom"   ? writeBomTarget(engine)
+                 : kind == "zip" ? writeZipTarget(engine)
+                 : kind == "dmg" ? writeDiskImageTarget(engine)
+                                 : writeFolderTarget(engine);
+    if (status == 0 && interrupted()) status = 128 + stopSignal();
+    if (status == 0) status = moveStagedTargetIntoPlace();
+    return status;
 }
 
-std::string Run::temporaryFolder() const {
-    return parentFolderOf(*request_.target) + "/" + format("Whittle.%d", ::getpid());
+int Run::moveStagedTargetIntoPlace() {
+    if (::renameat2(AT_FDCWD, stagedTarget_.c_str(), AT_FDCWD, absoluteTarget_.c_str(), RENAME_NOREPLACE) == 0) {
+        stagedTarget_.clear();
+        return 0;
+    }
+    int error = errno;
+    if (error == EEXIST) {
+        Log("XXX ERROR: target \"%@\" already exists.", lastPathComponent(*request_.target));
+        return 17;
+    }
+    Log("XXX ERROR: unable to move the finished target into place at \"%@\" - %@.", *request_.target,
+        std::string(std::strerror(error)));
+    return 1;
 }
+
+std::string Run::temporaryFolder() const { return temporaryFolderFor(absoluteTarget_, ::getpid()); }
 
 std::string Run::temporaryBundleFolder() const {
-    return temporaryFolder() + "/" + withoutExtension(lastPathComponent(*request_.target));
+    return joinFolderAndName(temporaryFolder(), withoutExtension(lastPathComponent(absoluteTarget_)));
+}
+
+int Run::makeTemporaryFolder() {
+    std::string folder = temporaryFolder();
+    if (::mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) return 0;
+    int error = errno;
+    Log("XXX ERROR: unable to create temporary folder \"%@\" - %@.", folder, std::string(std::strerror(error)));
+    return 1;
 }
 
 int Run::applyModifiedFilesTo(Stripper& engine, const std::string& folder) {
@@ -364,79 +425,99 @@ int Run::applyModifiedFilesTo(Stripper& engine, const std::string& folder) {
 
 int Run::writeBomTarget(Stripper& engine) {
     Log(">>> creating BOM \"%@\".", lastPathComponent(*request_.target));
-    return createBomFromManifest(engine, *request_.target);
+    return createBomFromManifest(engine, stagedTarget_);
 }
 
 int Run::writeZipTarget(Stripper& engine) {
-    const std::string& target = *request_.target;
-    std::string name = lastPathComponent(target);
-    std::string bomPath = target.substr(0, target.size() - 3) + "bom";
-    int status = createBomFromManifest(engine, bomPath);
-    temporaryItems_.push_back(bomPath);
-    if (status != 0) return status;
+    std::string name = lastPathComponent(*request_.target);
+    if (int status = makeTemporaryFolder()) return status;
+    temporaryItems_.push_back(temporaryFolder());
+    // The BOM lives in the temporary folder, never beside the target where a file of
+    // the user's could stand under its name.
+    std::string bomPath = joinFolderAndName(temporaryFolder(), withoutExtension(name) + ".bom");
+    if (int status = createBomFromManifest(engine, bomPath)) return status;
+    if (interrupted()) return 128 + stopSignal();
 
     Log(">>> creating ZIP archive \"%@\".", name);
-    status = runPlatformTool(copyToolPath(), {"-ck", "--noextattr", "--noacl", "--bom", bomPath,
-                                              std::string(engine.bundleRoot().text()), target});
+    int status = runPlatformTool(copyToolPath(), {"-ck", "--noextattr", "--noacl", "--bom", bomPath,
+                                                  std::string(engine.bundleRoot().text()), stagedTarget_});
     if (status != 0) {
         Log("XXX ERROR: unable to create final ZIP archive.");
+        explainLastToolFailure();
         return status;
     }
     Log(">>> updating files in ZIP archive \"%@\".", name);
     std::string bundleFolder = temporaryBundleFolder();
     std::error_code ignored;
     std::filesystem::create_directories(bundleFolder, ignored);
-    status = applyModifiedFilesTo(engine, bundleFolder);
-    temporaryItems_.push_back(temporaryFolder());
-    if (status != 0) return status;
-    // The target path is handed to zip as typed while zip runs in the temporary bundle
-    // folder, so a relative target path is resolved there.
+    if ((status = applyModifiedFilesTo(engine, bundleFolder)) != 0) return status;
     if (!std::filesystem::is_empty(bundleFolder, ignored)) {
-        status = runPlatformTool(zipToolPath(), {"-rvy", target, "."}, nullptr, bundleFolder.c_str());
+        status = runPlatformTool(zipToolPath(), {"-rvy", stagedTarget_, "."}, nullptr, bundleFolder.c_str());
         if (status != 0) {
             Log("XXX ERROR: unable to update files in ZIP archive.");
+            explainLastToolFailure();
             return status;
         }
     }
     Log(">>> checksumming ZIP archive \"%@\".", name);
     std::string checksum;
-    runPlatformTool(opensslToolPath(), {"md5", target}, &checksum);
-    MustLog("%@", checksum);
+    runPlatformTool(opensslToolPath(), {"md5", stagedTarget_}, &checksum);
+    // The archive is checksummed before it is renamed into place; the line names the target.
+    MustLog("%@", replacingFirst(checksum, stagedTarget_, *request_.target));
     return 0;
 }
 
 int Run::writeDiskImageTarget(Stripper& engine) {
-    const std::string& target = *request_.target;
     std::string bundleFolder = temporaryBundleFolder();
     Log(">>> copying bundle to temporary folder \"%@\".", lastPathComponent(bundleFolder));
-    std::error_code ignored;
-    std::filesystem::create_directories(temporaryFolder(), ignored);
+    if (int status = makeTemporaryFolder()) return status;
     int status = copyBundleThroughBom(engine, bundleFolder);
     temporaryItems_.push_back(temporaryFolder());
     if (status != 0) return status;
     Log(">>> updating files in temporary folder \"%@\".", lastPathComponent(bundleFolder));
     if ((status = applyModifiedFilesTo(engine, bundleFolder)) != 0) return status;
+    if (interrupted()) return 128 + stopSignal();
 
-    Log(">>> creating disk image \"%@\".", lastPathComponent(target));
-    std::vector<std::string> arguments{"create", "-srcfolder", bundleFolder, target, "-format", "UDRO"};
+    Log(">>> creating disk image \"%@\".", lastPathComponent(*request_.target));
+    std::vector<std::string> arguments{"create", "-srcfolder", bundleFolder, stagedTarget_, "-format", "UDRO"};
     if (request_.encrypt) arguments.push_back("-encryption");
     if ((status = runPlatformTool(diskImageToolPath(), arguments)) != 0) {
         Log("XXX ERROR: unable to create final disk image.");
+        explainLastToolFailure();
         return status;
     }
-    Log(">>> checksumming disk image \"%@\".", lastPathComponent(target));
+    Log(">>> checksumming disk image \"%@\".", lastPathComponent(*request_.target));
     std::string checksum;
-    runPlatformTool(diskImageToolPath(), {"imageinfo", "-checksum", target}, &checksum);
+    runPlatformTool(diskImageToolPath(), {"imageinfo", "-checksum", stagedTarget_}, &checksum);
     MustLog("%@", trimmedOfLineEnds(checksum));
     return 0;
 }
 
 int Run::writeFolderTarget(Stripper& engine) {
-    const std::string& target = *request_.target;
-    Log(">>> copying bundle to \"%@\".", lastPathComponent(target));
-    if (int status = copyBundleThroughBom(engine, target)) return status;
-    Log(">>> updating files in \"%@\".", lastPathComponent(target));
-    return applyModifiedFilesTo(engine, target);
+    Log(">>> copying bundle to \"%@\".", lastPathComponent(*request_.target));
+    if (int status = copyBundleThroughBom(engine, stagedTarget_)) return status;
+    if (interrupted()) return 128 + stopSignal();
+    Log(">>> updating files in \"%@\".", lastPathComponent(*request_.target));
+    return applyModifiedFilesTo(engine, stagedTarget_);
+}
+
+// ---- interruptions ----
+
+void Run::noteInterruption() {
+    status_ = 128 + stopSignal();
+    if (interruptionNoted_) return;
+    interruptionNoted_ = true;
+    Log("XXX ERROR: interrupted by signal %d.", stopSignal());
+}
+
+// After a stop signal: the clean-up of step 9 (if the target steps did not reach it),
+// then the source image this run attached is ejected.
+int Run::finishInterrupted() {
+    noteInterruption();
+    allowToolsForCleanUp();
+    cleanUp();
+    eject();
+    return status_;
 }
 
 // ---- steps 9 and 10 ----
@@ -445,7 +526,9 @@ void Run::cleanUp() {
     if (temporaryItems_.empty()) return;
     Log(">>> cleaning up...");
     std::fflush(stdout);
-    for (const auto& item : temporaryItems_) {
+    auto items = std::move(temporaryItems_);
+    temporaryItems_.clear();
+    for (const auto& item : items) {
         std::string path = expandTilde(item);
         // An item that a failed step never made leaves nothing to clean.
         if (!itemExists(path)) continue;
@@ -464,6 +547,7 @@ void Run::eject() {
     Log(">>> unmounting disk image.");
     if (int status = runPlatformTool(diskImageToolPath(), {"eject", deviceEntry_})) {
         Log("XXX ERROR: unable to eject source disk image.");
+        explainLastToolFailure();
         if (status_ == 0) status_ = status;
     }
 }
@@ -472,9 +556,16 @@ void Run::eject() {
 
 int runRequest(RunRequest& request) { return Run(request).execute(); }
 
+int statusAfterStandardOutput(int status) {
+    int error = standardOutputError();
+    if (error == 0) return status;
+    Log("XXX ERROR: unable to write to standard output - %@.", std::string(std::strerror(error)));
+    return status == 0 ? 1 : status;
+}
+
 void saveLog(int status) {
     std::string error;
-    writeFileAtomically(kLogFilePath, LogObject::sharedLogger().historicalLog(), error);
+    writeFileAtomically(kLogFilePath, withValidUtf8(LogObject::sharedLogger().historicalLog()), error);
     if (status != 0) Log("XXX ERROR: log file in %s", kLogFilePath);
 }
 
@@ -482,12 +573,16 @@ int whittleMain(const std::vector<std::string>& arguments) {
     setProcessArguments(arguments);
     RunRequest request;
     ParseOutcome outcome = parseCommandLine(arguments, request);
+    int status = outcome.status;
     switch (outcome.next) {
-        case ParseOutcome::Next::ExitWithoutLog: return outcome.status;
-        case ParseOutcome::Next::ExitAfterSavingLog: saveLog(outcome.status); return outcome.status;
-        case ParseOutcome::Next::Run: break;
+        case ParseOutcome::Next::ExitWithoutLog: return statusAfterStandardOutput(status);
+        case ParseOutcome::Next::ExitAfterSavingLog: break;
+        case ParseOutcome::Next::Run:
+            catchStopSignals();
+            status = runRequest(request);
+            break;
     }
-    int status = runRequest(request);
+    status = statusAfterStandardOutput(status);
     saveLog(status);
     return status;
 }

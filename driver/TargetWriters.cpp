@@ -4,15 +4,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <random>
 
-#include "driver/CommandLine.hpp"
 #include "driver/ToolPaths.hpp"
+#include "driver/ToolRuns.hpp"
 #include "support/ContainedPaths.hpp"
 #include "support/FileSystem.hpp"
 #include "support/LogObject.hpp"
 #include "support/PlistCodec.hpp"
-#include "tools/TaskHelper.hpp"
 
 namespace whittle {
 
@@ -41,14 +41,13 @@ std::string fileListLine(const std::string& text) {
     return text.size() < kFileListLineBuffer ? text : text.substr(0, kFileListLineBuffer - 1);
 }
 
-int runPlatformTool(const std::string& path, const std::vector<std::string>& arguments) {
-    return runTool(path.c_str(), &arguments, nullptr, nullptr, nullptr, verboseMode == 1);
-}
-
 int makeBom(const std::string& fileList, const std::string& bomPath) {
     int status = runPlatformTool(bomToolPath(), {"-s", "-i", fileList, bomPath});
     ::unlink(fileList.c_str());
-    if (status != 0) Log("XXX ERROR: unable to create BOM.");
+    if (status != 0) {
+        Log("XXX ERROR: unable to create BOM.");
+        explainLastToolFailure();
+    }
     return status;
 }
 
@@ -62,13 +61,25 @@ int writeFileListToTempFile(Stripper& engine, std::string& pathBuffer) {
     if (fd < 0) {
         int error = errno;
         Log("XXX ERROR: unable to create temporary file list.");
+        Log("!!! NOTE: %@ - %@.", std::string(kFileListTemplate), std::string(std::strerror(error)));
         pathBuffer.clear();
         return error;
     }
     std::string list = ".\n";
     for (const auto& path : manifest.elements()) list += fileListLine(format("./%s\n", path));
-    writeAll(fd, list);
-    ::close(fd);
+    bool written = writeAll(fd, list);
+    int error = errno;
+    if (::close(fd) != 0 && written) {
+        written = false;
+        error = errno;
+    }
+    if (!written) {
+        Log("XXX ERROR: unable to create temporary file list.");
+        Log("!!! NOTE: %@ - %@.", pathBuffer, std::string(std::strerror(error)));
+        ::unlink(pathBuffer.c_str());
+        pathBuffer.clear();
+        return error;
+    }
     return 0;
 }
 
@@ -89,6 +100,7 @@ int copyBundleThroughBom(Stripper& engine, const std::string& destination) {
     ::unlink(bomPath.c_str());
     if (status != 0) {
         Log("XXX ERROR: copying manifest to target failed.");
+        explainLastToolFailure();
         return status;
     }
     runPlatformTool(chmodToolPath(), {"-R", "-v", "-v", "u+rw", destination});

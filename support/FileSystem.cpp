@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -34,12 +35,6 @@ private:
     int fd_;
 };
 
-std::string parentFolder(const std::string& path) {
-    auto slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    if (slash == 0) return "/";
-    return path.substr(0, slash);
-}
 
 }  // namespace
 
@@ -92,8 +87,28 @@ std::optional<std::string> readWholeDescriptor(int fd) {
     return content;
 }
 
+namespace {
+int firstStandardOutputError = 0;
+
+void noteStandardOutputResult(bool written) {
+    if (!written && firstStandardOutputError == 0) firstStandardOutputError = errno ? errno : EIO;
+}
+}  // namespace
+
+void writeToStandardOutput(std::string_view text) {
+    errno = 0;
+    bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    noteStandardOutputResult(written && std::fflush(stdout) == 0);
+}
+
+int standardOutputError() {
+    errno = 0;
+    noteStandardOutputResult(std::fflush(stdout) == 0 && !std::ferror(stdout));
+    return firstStandardOutputError;
+}
+
 bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string& error) {
-    std::string temporary = parentFolder(path) + "/." + lastPathComponent(path) + ".XXXXXX";
+    std::string temporary = joinFolderAndName(parentFolderOf(path), "." + lastPathComponent(path) + ".XXXXXX");
     std::vector<char> templateBuffer(temporary.begin(), temporary.end());
     templateBuffer.push_back('\0');
     FileDescriptor fd(::mkstemp(templateBuffer.data()));
@@ -117,6 +132,31 @@ std::string lastPathComponent(std::string_view path) {
     auto slash = path.find_last_of('/');
     if (slash == std::string_view::npos || path.size() == 1) return std::string(path);
     return std::string(path.substr(slash + 1));
+}
+
+std::string parentFolderOf(std::string_view path) {
+    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+    auto slash = path.find_last_of('/');
+    if (slash == std::string_view::npos) return ".";
+    return slash == 0 ? std::string("/") : std::string(path.substr(0, slash));
+}
+
+std::string joinFolderAndName(std::string_view folder, std::string_view name) {
+    std::string joined(folder);
+    if (joined.empty() || joined.back() != '/') joined += '/';
+    joined += name;
+    return joined;
+}
+
+std::string pathExtension(std::string_view path) {
+    std::string name = lastPathComponent(path);
+    auto dot = name.find_last_of('.');
+    return (dot == std::string::npos || dot == 0) ? std::string() : name.substr(dot + 1);
+}
+
+std::string withoutExtension(std::string_view name) {
+    auto dot = name.find_last_of('.');
+    return std::string((dot == std::string_view::npos || dot == 0) ? name : name.substr(0, dot));
 }
 
 }  // namespace whittle

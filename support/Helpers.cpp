@@ -97,4 +97,59 @@ bool containsCaseInsensitiveString(const Value& array, std::string_view text) {
     });
 }
 
+std::string replacingFirst(std::string text, std::string_view from, std::string_view to) {
+    auto at = from.empty() ? std::string::npos : text.find(from);
+    if (at != std::string::npos) text.replace(at, from.size(), to);
+    return text;
+}
+
+// ---- Text encoding ----
+
+namespace {
+
+// The length of the well-formed UTF-8 sequence at the start of the text, or 0.
+std::size_t utf8SequenceLength(std::string_view text) {
+    auto byte = [&text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    unsigned char lead = byte(0);
+    if (lead < 0x80) return 1;
+    std::size_t length = lead >= 0xC2 && lead <= 0xDF ? 2 : lead >= 0xE0 && lead <= 0xEF ? 3 : lead >= 0xF0 && lead <= 0xF4 ? 4 : 0;
+    if (length == 0 || text.size() < length) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0) != 0x80) return 0;
+    }
+    unsigned char second = byte(1);
+    if (lead == 0xE0 && second < 0xA0) return 0;  // overlong
+    if (lead == 0xED && second > 0x9F) return 0;  // surrogate
+    if (lead == 0xF0 && second < 0x90) return 0;  // overlong
+    if (lead == 0xF4 && second > 0x8F) return 0;  // beyond U+10FFFF
+    return length;
+}
+
+}  // namespace
+
+bool isValidUtf8(std::string_view text) {
+    while (!text.empty()) {
+        std::size_t length = utf8SequenceLength(text);
+        if (length == 0) return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+std::string withValidUtf8(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        std::size_t length = utf8SequenceLength(text);
+        if (length == 0) {
+            out += "\xEF\xBF\xBD";
+            length = 1;
+        } else {
+            out.append(text.substr(0, length));
+        }
+        text.remove_prefix(length);
+    }
+    return out;
+}
+
 }  // namespace whittle

@@ -26,6 +26,17 @@ std::string niceDescriptionOfStrings(const StringRange& texts) {
     return out;
 }
 
+// The text with the first occurrence of `from` replaced by `to` (unchanged when absent).
+std::string replacingFirst(std::string text, std::string_view from, std::string_view to);
+
+// ---- Text encoding ----
+
+// True when the bytes are well-formed UTF-8 (no overlong forms, surrogates or values
+// beyond U+10FFFF).
+bool isValidUtf8(std::string_view text);
+// The text with every byte that is not part of well-formed UTF-8 replaced by U+FFFD.
+std::string withValidUtf8(std::string_view text);
+
 // ---- Extras: tolerant option reading ----
 
 // A number is true when non-zero; a string is true exactly when its upper-cased form

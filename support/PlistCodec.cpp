@@ -10,6 +10,8 @@
 #include <memory>
 #include <vector>
 
+#include "support/Helpers.hpp"
+
 namespace whittle {
 
 namespace {
@@ -253,7 +255,7 @@ plist_t arrayToPlist(const ValueArray& elements) {
 plist_t dictionaryToPlist(const ValueDictionary& entries) {
     plist_t dict = plist_new_dict();
     for (const auto& [key, element] : entries) {  // std::map: ascending key order
-        if (plist_t item = toPlist(element)) plist_dict_set_item(dict, key.c_str(), item);
+        if (plist_t item = toPlist(element)) plist_dict_set_item(dict, withValidUtf8(key).c_str(), item);
     }
     return dict;
 }
@@ -269,7 +271,8 @@ plist_t dateToPlist(const Date& when) {
 plist_t toPlist(const Value& value) {
     if (value.isNone()) return nullptr;
     switch (value.kind()) {
-        case Value::Kind::String: return plist_new_string(value.asString()->c_str());
+        // A property list holds text only: bytes that are not UTF-8 (from a path, say) are replaced.
+        case Value::Kind::String: return plist_new_string(withValidUtf8(*value.asString()).c_str());
         case Value::Kind::Integer: return plist_new_uint(static_cast<uint64_t>(*value.asInteger()));
         case Value::Kind::Real: return plist_new_real(*value.asReal());
         case Value::Kind::Boolean: return plist_new_bool(*value.asBoolean() ? 1 : 0);

@@ -2,7 +2,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,22 +54,74 @@ void TaskHelper::setThreadDone(bool done) {
     if (done) doneSignal_.notify_all();
 }
 
-bool TaskHelper::launch(int stdoutPipe[2], int stderrPipe[2]) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, stdoutPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, stderrPipe[1], STDERR_FILENO);
-    if (task_.workingDirectory) posix_spawn_file_actions_addchdir_np(&actions, task_.workingDirectory->c_str());
+namespace {
 
+std::atomic<pid_t> runningChild{0};
+std::atomic<bool> toolsStopped{false};
+
+// In the child, between fork and exec: only async-signal-safe calls.
+[[noreturn]] void becomeTool(const ChildTask& task, char* const* argv, int stdoutFd, int stderrFd, int errorFd,
+                             pid_t parent) {
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != parent) ::_exit(127);  // the parent is already gone
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    // A tool must be stoppable even when this process was started with them ignored.
+    for (int signalNumber : {SIGINT, SIGTERM, SIGHUP}) ::signal(signalNumber, SIG_DFL);
+    int input = ::open("/dev/null", O_RDONLY);
+    bool ready = input >= 0 && ::dup2(input, STDIN_FILENO) >= 0 && ::dup2(stdoutFd, STDOUT_FILENO) >= 0 &&
+                 ::dup2(stderrFd, STDERR_FILENO) >= 0 &&
+                 (!task.workingDirectory || ::chdir(task.workingDirectory->c_str()) == 0);
+    if (ready) ::execve(task.launchPath.c_str(), argv, environ);
+    int error = errno;
+    [[maybe_unused]] ssize_t ignored = ::write(errorFd, &error, sizeof error);
+    ::_exit(127);
+}
+
+}  // namespace
+
+void stopRunningTools() {
+    toolsStopped = true;
+    pid_t child = runningChild.load();
+    if (child > 0) ::kill(child, SIGTERM);
+}
+
+void allowTools() { toolsStopped = false; }
+
+bool TaskHelper::launch(int stdoutPipe[2], int stderrPipe[2]) {
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(task_.launchPath.c_str()));
     for (const auto& argument : task_.arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
-    pid_t pid = -1;
-    int error = posix_spawn(&pid, task_.launchPath.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) return false;
+    int errorPipe[2];
+    if (::pipe2(errorPipe, O_CLOEXEC) != 0) {
+        launchError_ = errno;
+        return false;
+    }
+    pid_t parent = ::getpid();
+    pid_t pid = ::fork();
+    if (pid == 0) becomeTool(task_, argv.data(), stdoutPipe[1], stderrPipe[1], errorPipe[1], parent);
+    ::close(errorPipe[1]);
+    if (pid < 0) {
+        launchError_ = errno;
+        ::close(errorPipe[0]);
+        return false;
+    }
+    runningChild = pid;
+    if (toolsStopped) ::kill(pid, SIGTERM);
+    int childError = 0;
+    ssize_t got;
+    do {
+        got = ::read(errorPipe[0], &childError, sizeof childError);
+    } while (got < 0 && errno == EINTR);
+    ::close(errorPipe[0]);
+    if (got == static_cast<ssize_t>(sizeof childError)) {
+        ::waitpid(pid, nullptr, 0);
+        runningChild = 0;
+        launchError_ = childError;
+        return false;
+    }
     childPid_ = pid;
     return true;
 }
@@ -77,6 +130,7 @@ void TaskHelper::taskThread() {
     int stdoutPipe[2] = {-1, -1};
     int stderrPipe[2] = {-1, -1};
     bool piped = ::pipe2(stdoutPipe, O_CLOEXEC) == 0 && ::pipe2(stderrPipe, O_CLOEXEC) == 0;
+    if (!piped) launchError_ = errno;
     if (!piped || !launch(stdoutPipe, stderrPipe)) {
         std::fprintf(stderr, "ERROR: threw an exception launching %s", task_.launchPath.c_str());
         std::fflush(stderr);
@@ -99,6 +153,7 @@ void TaskHelper::taskThread() {
             if (pipes[0].revents) stdoutDataAvail();
             if (pipes[1].revents) stderrDataAvail();
         }
+        runningChild = 0;
         taskDied();
         result_ = exitStatusOf(waitStatus);
         stdoutDataAvail();
@@ -130,7 +185,7 @@ void TaskHelper::stdoutDataAvail() { readAvailable(stdoutRead_, stdoutOutput_, t
 void TaskHelper::stderrDataAvail() { readAvailable(stderrRead_, stderrOutput_, false); }
 
 int runTool(const char* launchPath, const std::vector<std::string>* arguments, const char* workingDirectory,
-            std::string* stdoutText, std::string* stderrText, bool verbose) {
+            std::string* stdoutText, std::string* stderrText, bool verbose, int* launchError) {
     ChildTask task;
     TaskHelper helper(task);
     int result = 1;
@@ -153,6 +208,7 @@ int runTool(const char* launchPath, const std::vector<std::string>* arguments, c
     }
     if (stdoutText) *stdoutText = helper.stdoutOutput();
     if (stderrText) *stderrText = helper.stderrOutput();
+    if (launchError) *launchError = launchPath ? helper.launchError() : 0;
     return result;
 }
 

@@ -41,6 +41,8 @@ public:
     void setResult(int result) { result_ = result; }
     bool threadDone() const { return threadDone_; }
     void setThreadDone(bool done);
+    // The system's error number when the child could not be launched, else 0.
+    int launchError() const { return launchError_; }
 
 private:
     void taskThread();
@@ -59,14 +61,25 @@ private:
     std::atomic<bool> threadDone_{false};
     std::mutex doneMutex_;
     std::condition_variable doneSignal_;
+    int launchError_ = 0;
     int childPid_ = -1;
     int stdoutRead_ = -1;
     int stderrRead_ = -1;
 };
 
 // Runs a tool and answers its exit status: 1 when it could not be launched or no
-// path was given. The captured texts are copied out when asked for.
+// path was given. The captured texts are copied out when asked for, and so is the
+// system's error number of a failed launch.
 int runTool(const char* launchPath, const std::vector<std::string>* arguments, const char* workingDirectory,
-            std::string* stdoutText, std::string* stderrText, bool verbose);
+            std::string* stdoutText, std::string* stderrText, bool verbose, int* launchError = nullptr);
+
+// Every child is sent SIGTERM when the thread that started it ends, so that no tool
+// outlives this process, not even a killed one (the platform tools stop whatever they
+// started in turn). Children stay in this process's group, so that a tool can still
+// read the terminal.
+// Stops the child running now with SIGTERM; safe to call from a signal handler. Children launched after it is called are stopped at once,
+// until allowTools() is called.
+void stopRunningTools();
+void allowTools();
 
 }  // namespace whittle

@@ -181,9 +181,10 @@ TEST_F(WhittleCommandLine, AcceptedCommandLineReachesTheLegacyEngine) {
     // reaches the legacy engine, which finds no build manifest in the missing bundle.
     auto result = runWhittle({"--legacy", "--SOURCE", "bundle", "--Product", "X10", "--FACTORY", "Repair", "--KeepSDK"});
     EXPECT_EQ(result.status, 1);
+    std::string missing = "XXX ERROR: source \"bundle\" does not exist.\n";
     std::string failure = "XXX ERROR: BuildManifest.plist cannot be read.\n";
-    EXPECT_EQ(result.out, failure + "Validation FAILED.\n" + kLogFileMessage);
-    EXPECT_EQ(readFile(kLogFile), ">>> analyzing bundle.\n" + failure + "Validation FAILED.\n");
+    EXPECT_EQ(result.out, missing + failure + "Validation FAILED.\n" + kLogFileMessage);
+    EXPECT_EQ(readFile(kLogFile), missing + ">>> analyzing bundle.\n" + failure + "Validation FAILED.\n");
 }
 
 TEST_F(WhittleCommandLine, WarningsAreLoggedAndDoNotChangeTheStatus) {
@@ -197,9 +198,10 @@ TEST_F(WhittleCommandLine, WarningsAreLoggedAndDoNotChangeTheStatus) {
         "!!! WARNING: ignoring \"--\" - unknown option.\n"
         "!!! WARNING: ignoring \"-x\" - only one source and target can be specified.\n"
         "!!! WARNING: no factory variants specified.\n";
+    std::string missing = "XXX ERROR: source \"" + dir / "a" + "\" does not exist.\n";
     std::string failure = "XXX ERROR: BuildManifest.plist cannot be read.\n";
-    EXPECT_EQ(result.out, warnings + failure + kLogFileMessage);
-    EXPECT_EQ(readFile(kLogFile), warnings + ">>> analyzing bundle.\n" + failure);
+    EXPECT_EQ(result.out, warnings + missing + failure + kLogFileMessage);
+    EXPECT_EQ(readFile(kLogFile), warnings + missing + ">>> analyzing bundle.\n" + failure);
     EXPECT_FALSE(pathExists(dir / "b"));
 }
 
@@ -208,16 +210,17 @@ TEST_F(WhittleCommandLine, LogFileIsReplacedByEveryRun) {
     TempDir dir;
     auto result = runWhittle({dir.path(), "--validproducts"});
     EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(readFile(kLogFile),
-              "XXX ERROR: BuildManifest.plist cannot be read.\nXXX ERROR: cannot get valid products.\n");
+    EXPECT_EQ(readFile(kLogFile), "XXX ERROR: source \"" + dir.path() + "\" has no \"Restore\" folder.\n" +
+                                      "XXX ERROR: BuildManifest.plist cannot be read.\nXXX ERROR: cannot get valid products.\n");
 }
 
 TEST_F(WhittleCommandLine, VerboseRunShowsProgress) {
     TempDir dir;
     auto result = runWhittle({dir.path(), "--verbose", "--factory", "ss"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out,
-              ">>> analyzing bundle.\nXXX ERROR: BuildManifest.plist cannot be read.\nValidation FAILED.\n" + kLogFileMessage);
+    EXPECT_EQ(result.out, "XXX ERROR: source \"" + dir.path() + "\" has no \"Restore\" folder.\n" +
+                              ">>> analyzing bundle.\nXXX ERROR: BuildManifest.plist cannot be read.\nValidation FAILED.\n" +
+                              kLogFileMessage);
 }
 
 TEST_F(WhittleCommandLine, ErrorsAreColouredOnATerminal) {
