@@ -27,8 +27,11 @@ std::optional<int> processIdAt(std::string_view digits) {
     return value;
 }
 
-// The id of the run that made an item of ours, or none for any other name.
+// The id of the run that made an item of ours, or none for any other name. A tool
+// writing a staged target keeps its own partial file under the staged name with a
+// point in front; such a file counts too.
 std::optional<int> ownerOf(std::string_view name) {
+    if (name.starts_with(".") && name.substr(1).starts_with(kStagingPrefix)) name.remove_prefix(1);
     if (name.starts_with(kStagingPrefix)) {
         std::string_view rest = name.substr(kStagingPrefix.size());
         auto dash = rest.find('-');

@@ -559,7 +559,8 @@ int runRequest(RunRequest& request) { return Run(request).execute(); }
 int statusAfterStandardOutput(int status) {
     int error = standardOutputError();
     if (error == 0) return status;
-    Log("XXX ERROR: unable to write to standard output - %@.", std::string(std::strerror(error)));
+    LogObject::sharedLogger().logToStandardError(
+        format("XXX ERROR: unable to write to standard output - %@.", std::string(std::strerror(error))));
     return status == 0 ? 1 : status;
 }
 

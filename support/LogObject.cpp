@@ -67,6 +67,13 @@ void LogObject::logMessage(const std::string& message, bool printAlways) {
     std::fflush(stream);
 }
 
+void LogObject::logToStandardError(const std::string& message) {
+    appendToHistory(message);
+    std::fwrite(message.data(), 1, message.size(), stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
+}
+
 void LogObject::PrettyPrint(const Value& value) {
     if (!verbose_) return;
     std::string dump = prettyPrintToString(value, "\t");

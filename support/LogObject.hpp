@@ -52,6 +52,9 @@ public:
     void PrettyPrint(const Value& value);
 
     void logMessage(const std::string& message, bool printAlways);
+    // Says the message on standard error whatever its kind, and keeps it in the history:
+    // for what must be seen when standard output is where things go wrong.
+    void logToStandardError(const std::string& message);
 
 private:
     LogObject();

@@ -96,7 +96,13 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions&
     }
 
     pid_t child = ::fork();
-    if (child == 0) execChild(argv, options, outPipe[1], errWrite);
+    if (child == 0) {
+        if (options.signalProcessGroup) ::setpgid(0, 0);
+        execChild(argv, options, outPipe[1], errWrite);
+    }
+    if (options.signalProcessGroup) ::setpgid(child, child);
+    auto started = std::chrono::steady_clock::now();
+    bool signalled = options.signalNumber == 0;
     ::close(outPipe[1]);
     ::close(errWrite);
 
@@ -105,7 +111,11 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions&
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeoutSeconds);
     while (outOpen || errOpen) {
         pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errRead, POLLIN, 0}};
-        ::poll(fds, 2, 100);
+        ::poll(fds, 2, signalled ? 100 : 5);
+        if (!signalled && std::chrono::steady_clock::now() - started >= std::chrono::milliseconds(options.signalAfterMilliseconds)) {
+            ::kill(options.signalProcessGroup ? -child : child, options.signalNumber);
+            signalled = true;
+        }
         if (outOpen && (fds[0].revents & (POLLIN | POLLHUP | POLLERR))) appendAvailable(outPipe[0], result.out, outOpen);
         if (errOpen && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) appendAvailable(errRead, result.err, errOpen);
         if (std::chrono::steady_clock::now() > deadline) {

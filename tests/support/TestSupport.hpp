@@ -38,6 +38,12 @@ struct RunOptions {
     std::string workingDirectory;   // empty: the test's own
     int timeoutSeconds = 120;
     std::vector<std::pair<std::string, std::string>> environment;  // variables set for the program
+    // A signal sent to the program this long after it started (none when 0), to the
+    // program alone or, as a terminal's Ctrl-C does, to its whole process group (the
+    // program then runs in a group of its own).
+    int signalNumber = 0;
+    int signalAfterMilliseconds = 0;
+    bool signalProcessGroup = false;
 };
 
 // Appends what one read of the descriptor gives; clears open at its end (a terminal's

@@ -1,0 +1,254 @@
+// Runs the built whittle and stops it part way: SIGINT to its process group (a
+// terminal's Ctrl-C), SIGTERM to whittle alone, SIGKILL; and targets on file systems
+// that are full or read-only. Whatever happens, no process of the run stays behind,
+// the target path holds a finished target or nothing, and the next run clears what
+// an ended run left and succeeds.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "BundleGenerator.hpp"
+#include "TestSupport.hpp"
+
+using namespace whittle;
+using namespace whittle::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::vector<std::string> kRequest{"--product", "x10", "--factory", "repair"};
+
+bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// The processes whose command line mentions the text: the run's tools name paths
+// inside the test's own folders.
+std::vector<int> processesMentioning(const std::string& text) {
+    std::vector<int> found;
+    DIR* proc = ::opendir("/proc");
+    if (!proc) return found;
+    while (const dirent* entry = ::readdir(proc)) {
+        int pid = std::atoi(entry->d_name);
+        if (pid <= 0 || pid == ::getpid()) continue;
+        std::ifstream cmdline("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+        std::stringstream content;
+        content << cmdline.rdbuf();
+        if (contains(content.str(), text)) found.push_back(pid);
+    }
+    ::closedir(proc);
+    return found;
+}
+
+// True once no process mentions the text, waiting up to five seconds for stopping tools.
+bool noProcessLeftMentioning(const std::string& text) {
+    for (int wait = 0; wait < 100; ++wait) {
+        if (processesMentioning(text).empty()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+std::set<std::string> namesIn(const std::string& folder) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
+    return names;
+}
+
+// One large bundle (over 1 GB kept, as sparse files) for the runs that are stopped, and
+// one small one for the runs after them; made once for the whole suite.
+class Bundles {
+public:
+    static Bundles& shared() {
+        static Bundles bundles;
+        return bundles;
+    }
+    std::string large() const { return dir_ / "large"; }
+    std::string small() const { return dir_ / "small"; }
+    // Kept files of a megabyte each, written out in full: more than a small file system holds.
+    std::string dense() const { return dir_ / "dense"; }
+
+private:
+    Bundles() {
+        bundlegen::BundlePlan plan;
+        plan.products = {{"x10", true, false, {"repair"}, 1, true}};
+        bundlegen::generateBundle(small(), plan);
+        plan.bytesPerFile = 1'000'000;
+        bundlegen::generateBundle(dense(), plan);
+        fillWithRandomBytes(dense());
+        plan.bytesPerFile = 100'000'000;
+        plan.sparseFiles = true;
+        bundlegen::generateBundle(large(), plan);
+    }
+    // Payloads that no compression makes small.
+    static void fillWithRandomBytes(const std::string& root) {
+        std::ifstream random("/dev/urandom", std::ios::binary);
+        for (const auto& entry : fs::recursive_directory_iterator(root)) {
+            if (!entry.is_regular_file() || entry.file_size() < 100'000) continue;
+            std::string bytes(entry.file_size(), '\0');
+            random.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+            writeFile(entry.path(), bytes);
+        }
+    }
+    TempDir dir_;
+};
+
+struct StopCase {
+    const char* kind;   // the target's extension, "" for a folder
+    int signalNumber;
+    bool toProcessGroup;
+};
+
+void PrintTo(const StopCase& stop, std::ostream* out) {
+    *out << (*stop.kind ? stop.kind : "folder") << " target, signal " << stop.signalNumber
+         << (stop.toProcessGroup ? " to the process group" : "");
+}
+
+std::string nameOf(const testing::TestParamInfo<StopCase>& info) {
+    std::string kind = *info.param.kind ? info.param.kind : "folder";
+    std::string signal = info.param.signalNumber == SIGINT ? "SigintToGroup" : info.param.signalNumber == SIGTERM ? "Sigterm" : "Sigkill";
+    return kind + signal;
+}
+
+// Moments after the start, spread from before the first tool runs to the end of the run.
+std::vector<int> momentsFor(const std::string& kind) {
+    if (kind == "dmg") return {0, 40, 150, 500, 1300, 2800, 5000};
+    return {0, 15, 60, 180, 450, 900, 1500};
+}
+
+class WhittleStopped : public testing::TestWithParam<StopCase> {
+protected:
+    ProgramResult whittle(const std::vector<std::string>& arguments, const RunOptions& base = {}) {
+        RunOptions options = base;
+        options.environment = {{"XDG_DATA_HOME", dir / "data"}};
+        std::vector<std::string> all = arguments;
+        all.insert(all.end(), kRequest.begin(), kRequest.end());
+        return runWhittle(all, options);
+    }
+    TempDir dir;
+};
+
+TEST_P(WhittleStopped, LeavesNoProcessNoPartialTargetAndTheNextRunSucceeds) {
+    const StopCase& stop = GetParam();
+    std::string extension = *stop.kind ? std::string(".") + stop.kind : std::string();
+    int finished = 0;
+    for (int moment : momentsFor(stop.kind)) {
+        SCOPED_TRACE("stopped after " + std::to_string(moment) + " ms");
+        std::string folder = dir / ("targets-" + std::to_string(moment));
+        fs::create_directories(folder);
+        std::string target = folder + "/out" + extension;
+
+        RunOptions options;
+        options.signalNumber = stop.signalNumber;
+        options.signalAfterMilliseconds = moment;
+        options.signalProcessGroup = stop.toProcessGroup;
+        ProgramResult stopped = whittle({Bundles::shared().large(), target}, options);
+
+        EXPECT_TRUE(noProcessLeftMentioning(folder)) << "a tool of the stopped run is still running";
+        if (stopped.status == 0) {
+            ++finished;
+            EXPECT_TRUE(pathExists(target));
+        } else {
+            EXPECT_FALSE(pathExists(target)) << stopped.out << stopped.err;
+            if (stop.signalNumber == SIGKILL) {
+                EXPECT_EQ(stopped.status, 128 + SIGKILL);
+            } else {
+                EXPECT_EQ(stopped.status, 128 + stop.signalNumber) << stopped.out << stopped.err;
+                // A signal that comes before the program has started its run ends it silently.
+                std::string said = "XXX ERROR: interrupted by signal " + std::to_string(stop.signalNumber) + ".";
+                bool startedItsRun = !(stopped.out + stopped.err).empty();
+                if (startedItsRun) {
+                    EXPECT_TRUE(contains(stopped.out + stopped.err, said)) << stopped.out << stopped.err;
+                }
+                // A run that could clean up after itself left nothing beside the target.
+                EXPECT_EQ(namesIn(folder), std::set<std::string>{}) << stopped.out << stopped.err;
+            }
+        }
+
+        removeTree(target);
+        bool leftovers = namesIn(folder) != std::set<std::string>{};
+        ProgramResult next = whittle({Bundles::shared().small(), target});
+        EXPECT_EQ(next.status, 0) << next.out << next.err;
+        if (leftovers) {
+            EXPECT_TRUE(contains(next.out + next.err, "!!! NOTE: moved \"" + folder + "/")) << next.out;
+        }
+        EXPECT_EQ(namesIn(folder), std::set<std::string>{"out" + extension}) << next.out;
+        removeTree(folder);
+        removeTree(dir / "data");
+    }
+    // Most moments fall inside the run; a run that ends first is only the last moment's.
+    EXPECT_LE(finished, 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Targets, WhittleStopped,
+                         testing::Values(StopCase{"", SIGINT, true}, StopCase{"zip", SIGINT, true},
+                                         StopCase{"dmg", SIGINT, true}, StopCase{"", SIGTERM, false},
+                                         StopCase{"zip", SIGTERM, false}, StopCase{"dmg", SIGTERM, false},
+                                         StopCase{"", SIGKILL, false}, StopCase{"zip", SIGKILL, false},
+                                         StopCase{"dmg", SIGKILL, false}),
+                         nameOf);
+
+// ---- full and read-only file systems, in a mount namespace of the test's own ----
+
+class WhittleOnSmallFileSystems : public testing::Test {
+protected:
+    void SetUp() override {
+        if (runProgram({"/usr/bin/unshare", "-rm", "/bin/true"}).status != 0) {
+            GTEST_SKIP() << "mount namespaces are not available here";
+        }
+        fs::create_directories(dir / "mnt");
+    }
+
+    // Runs whittle in a private mount namespace where "mnt" is a tmpfs of the given size,
+    // mounted read-only when asked, and answers what whittle said; `left` receives what
+    // the tmpfs held afterwards.
+    ProgramResult whittleOnTmpfs(const std::string& options, const std::string& target, std::set<std::string>& left) {
+        std::string mnt = dir / "mnt";
+        std::string script = "mount -t tmpfs -o " + options + " tmpfs '" + mnt + "' && " +
+                             "XDG_DATA_HOME='" + (dir / "data") + "' '" + whittleBinary() + "' '" + Bundles::shared().dense() + "' '" +
+                             mnt + "/" + target + "' --product x10 --factory repair; status=$?; ls -A '" + mnt +
+                             "' > '" + (dir / "left.txt") + "'; exit $status";
+        ProgramResult result = runProgram({"/usr/bin/unshare", "-rm", "/bin/sh", "-c", script});
+        for (const auto& line : linesOf(readFile(dir / "left.txt"))) {
+            if (!line.empty()) left.insert(line);
+        }
+        return result;
+    }
+    TempDir dir;
+};
+
+TEST_F(WhittleOnSmallFileSystems, FullFileSystemFailsWithTheReasonAndLeavesNothing) {
+    for (std::string target : {"out", "out.zip", "out.dmg", "out.bom"}) {
+        SCOPED_TRACE(target);
+        std::set<std::string> left;
+        ProgramResult result = whittleOnTmpfs("size=4m", target, left);
+        if (target == "out.bom") {
+            // A file list of a few paths fits; the run succeeds.
+            EXPECT_EQ(result.status, 0) << result.out;
+            EXPECT_EQ(left, std::set<std::string>{"out.bom"});
+            continue;
+        }
+        EXPECT_NE(result.status, 0);
+        EXPECT_TRUE(contains(result.out + result.err, "No space left on device")) << result.out << result.err;
+        for (const auto& name : left) EXPECT_TRUE(name.starts_with(".Trash")) << "left behind: " << name;
+    }
+}
+
+TEST_F(WhittleOnSmallFileSystems, ReadOnlyFileSystemFailsWithTheReasonAndLeavesNothing) {
+    for (std::string target : {"out", "out.zip", "out.dmg", "out.bom"}) {
+        SCOPED_TRACE(target);
+        std::set<std::string> left;
+        ProgramResult result = whittleOnTmpfs("ro,size=4m", target, left);
+        EXPECT_NE(result.status, 0);
+        EXPECT_TRUE(contains(result.out + result.err, "Read-only file system")) << result.out << result.err;
+        EXPECT_EQ(left, std::set<std::string>{});
+    }
+}
+
+}  // namespace
