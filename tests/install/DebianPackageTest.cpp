@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -225,6 +226,8 @@ TEST_F(DebianPackage, InstallsAndStripsTheExampleBundle) {
     bool alreadyInstalled = runProgram({programOnPath("dpkg-query"), "--show", "--showformat=${db:Status-Status}", "whittle"}).out == "installed";
     bool forReal = ::geteuid() == 0 && ci && std::string(ci) == "true" && !alreadyInstalled;
 
+    std::cout << (forReal ? "installing the package into this system, and purging it afterwards\n"
+                          : "installing the package into a scratch root (for real only as root with CI=true)\n");
     TempDir scratch;
     std::string root = forReal ? "" : scratch / "root";
     std::vector<std::string> dpkgCommand{dpkg, "--log=/dev/null"};
