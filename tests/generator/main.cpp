@@ -11,11 +11,26 @@ using namespace whittle::bundlegen;
 
 namespace {
 
+constexpr const char* kUsage =
+    "usage: whittle-bundlegen FOLDER [--product NAME:VARIANT,...]... [--dev] [--identities N]\n"
+    "                         [--binary] [--bytes N] [--sparse] [--extra N]\n"
+    "       whittle-bundlegen --help\n";
+
 int usage() {
-    std::fprintf(stderr,
-                 "usage: whittle-bundlegen FOLDER [--product NAME:VARIANT,...]... [--dev] [--identities N]\n"
-                 "                         [--binary] [--bytes N] [--sparse] [--extra N]\n");
+    std::fputs(kUsage, stderr);
     return 2;
+}
+
+int help() {
+    std::fputs(kUsage, stdout);
+    return 0;
+}
+
+bool asksForHelp(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--help") return true;
+    }
+    return false;
 }
 
 ProductPlan parseProduct(const std::string& text) {
@@ -36,7 +51,9 @@ ProductPlan parseProduct(const std::string& text) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return usage();
+    if (asksForHelp(argc, argv)) return help();
+    // A folder name that looks like an option is a mistyped option, not a folder to write.
+    if (argc < 2 || argv[1][0] == '-') return usage();
     BundlePlan plan;
     bool development = false;
     int identities = 1;
