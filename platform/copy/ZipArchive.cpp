@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "platform/copy/CopyCommon.hpp"
+#include "platform/helper/StopCleanup.hpp"
 
 namespace whittle::copy {
 
@@ -24,18 +25,25 @@ struct EntryFree {
     void operator()(archive_entry* entry) const { archive_entry_free(entry); }
 };
 
-// The archive being written, in a temporary file that is removed unless committed.
+// The archive being written, in a temporary file that is removed unless committed,
+// and also when the tool is stopped.
 class TemporaryFile {
 public:
     explicit TemporaryFile(const std::string& finalPath) : finalPath_(finalPath) {
         auto nameStart = finalPath.find_last_of('/') + 1;  // 0 when there is no slash
         std::string name = finalPath.substr(0, nameStart) + "." + finalPath.substr(nameStart) + ".XXXXXX";
-        fd_ = Descriptor(::mkostemp(name.data(), O_CLOEXEC));
-        if (!fd_.valid()) throw CopyError("cannot create a file beside \"" + finalPath + "\": " + systemMessage(errno));
+        {
+            helper::StopSignalsBlocked blocked;  // no stop between making it and registering it
+            fd_ = Descriptor(::mkostemp(name.data(), O_CLOEXEC));
+            if (!fd_.valid()) failOn(finalPath, "create a file beside", errno);
+            helper::removeOnStop(name);
+        }
         path_ = name;
     }
     ~TemporaryFile() {
-        if (!path_.empty()) ::unlink(path_.c_str());
+        if (path_.empty()) return;
+        ::unlink(path_.c_str());
+        helper::keepOnStop(path_);
     }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
@@ -43,12 +51,10 @@ public:
     int fd() const { return fd_.get(); }
 
     void commit(mode_t mode) {
-        auto failure = [this](const char* action) {
-            return CopyError("cannot " + std::string(action) + " \"" + finalPath_ + "\": " + systemMessage(errno));
-        };
-        if (::fchmod(fd_.get(), mode) != 0) throw failure("set the mode of");
-        if (::close(fd_.release()) != 0) throw failure("write");
-        if (::rename(path_.c_str(), finalPath_.c_str()) != 0) throw failure("write");
+        if (::fchmod(fd_.get(), mode) != 0) failOn(finalPath_, "set the mode of", errno);
+        if (::close(fd_.release()) != 0) failOn(finalPath_, "write", errno);
+        if (::rename(path_.c_str(), finalPath_.c_str()) != 0) failOn(finalPath_, "write", errno);
+        helper::keepOnStop(path_);
         path_.clear();
     }
 
@@ -60,8 +66,8 @@ private:
 
 class ZipWriter {
 public:
-    ZipWriter(int sourceRoot, int outputFd)
-        : sourceRoot_(sourceRoot), archive_(archive_write_new()), entry_(archive_entry_new()) {
+    ZipWriter(int sourceRoot, int outputFd, const std::string& archivePath)
+        : sourceRoot_(sourceRoot), archivePath_(archivePath), archive_(archive_write_new()), entry_(archive_entry_new()) {
         if (!archive_ || !entry_) throw std::bad_alloc();
         check(archive_write_set_format_zip(archive_.get()), "set up the archive");
         check(archive_write_zip_set_compression_deflate(archive_.get()), "set up the archive");
@@ -143,7 +149,7 @@ private:
             if (got < 0) failOn(path, "read", errno);
             if (got == 0) throw CopyError("\"" + std::string(path) + "\" shrank while it was being archived");
             if (archive_write_data(archive_.get(), buffer_.get(), static_cast<std::size_t>(got)) < 0)
-                throw CopyError("cannot archive \"" + std::string(path) + "\": " + archiveMessage());
+                failToArchive(path);
             remaining -= got;
         }
     }
@@ -158,12 +164,26 @@ private:
 
     void writeHeader(std::string_view path) {
         // A warning (such as a name that needed conversion) still writes the entry.
-        if (archive_write_header(archive_.get(), entry_.get()) < ARCHIVE_WARN)
-            throw CopyError("cannot archive \"" + std::string(path) + "\": " + archiveMessage());
+        if (archive_write_header(archive_.get(), entry_.get()) < ARCHIVE_WARN) failToArchive(path);
     }
 
     void check(int status, const char* action) {
-        if (status < ARCHIVE_WARN) throw CopyError("cannot " + std::string(action) + ": " + archiveMessage());
+        if (status >= ARCHIVE_WARN) return;
+        failOnOutput();
+        throw CopyError("cannot " + std::string(action) + ": " + archiveMessage());
+    }
+
+    // The archive's own failures name a system error only when writing the archive
+    // file failed (the data it is given is read here, not by it); EINVAL and EILSEQ
+    // are its codes for misuse and for names it cannot convert.
+    void failOnOutput() {
+        int error = archive_errno(archive_.get());
+        if (error > 0 && error != EINVAL && error != EILSEQ) failOn(archivePath_, "write", error);
+    }
+
+    [[noreturn]] void failToArchive(std::string_view path) {
+        failOnOutput();
+        throw CopyError("cannot archive \"" + std::string(path) + "\": " + archiveMessage());
     }
 
     std::string archiveMessage() {
@@ -172,6 +192,7 @@ private:
     }
 
     int sourceRoot_;
+    std::string archivePath_;
     std::unique_ptr<archive, ArchiveFree> archive_;
     std::unique_ptr<archive_entry, EntryFree> entry_;
     std::vector<Descriptor> folders_;  // the source root and the folders down to the current item
@@ -184,7 +205,7 @@ void writeZipArchive(const std::vector<PlannedItem>& plan, int sourceRoot, const
                      mode_t newFileMode) {
     TemporaryFile output(archivePath);
     {
-        ZipWriter writer(sourceRoot, output.fd());
+        ZipWriter writer(sourceRoot, output.fd(), archivePath);
         writer.write(plan);
     }
     output.commit(newFileMode);
