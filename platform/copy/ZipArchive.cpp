@@ -67,13 +67,17 @@ private:
 class ZipWriter {
 public:
     ZipWriter(int sourceRoot, int outputFd, const std::string& archivePath)
-        : sourceRoot_(sourceRoot), archivePath_(archivePath), archive_(archive_write_new()), entry_(archive_entry_new()) {
+        : sourceRoot_(sourceRoot),
+          outputFd_(outputFd),
+          archivePath_(archivePath),
+          archive_(archive_write_new()),
+          entry_(archive_entry_new()) {
         if (!archive_ || !entry_) throw std::bad_alloc();
         check(archive_write_set_format_zip(archive_.get()), "set up the archive");
         check(archive_write_zip_set_compression_deflate(archive_.get()), "set up the archive");
         // A zip archive ends where its data ends: no padding to a block size.
         check(archive_write_set_bytes_in_last_block(archive_.get(), 1), "set up the archive");
-        check(archive_write_open_fd(archive_.get(), outputFd), "start the archive");
+        check(archive_write_open2(archive_.get(), this, nullptr, writeOutput, nullptr, nullptr), "start the archive");
     }
 
     void write(const std::vector<PlannedItem>& plan) {
@@ -150,6 +154,7 @@ private:
             if (got == 0) throw CopyError("\"" + std::string(path) + "\" shrank while it was being archived");
             if (archive_write_data(archive_.get(), buffer_.get(), static_cast<std::size_t>(got)) < 0)
                 failToArchive(path);
+            failOnOutput();
             remaining -= got;
         }
     }
@@ -165,25 +170,36 @@ private:
     void writeHeader(std::string_view path) {
         // A warning (such as a name that needed conversion) still writes the entry.
         if (archive_write_header(archive_.get(), entry_.get()) < ARCHIVE_WARN) failToArchive(path);
+        failOnOutput();
     }
 
     void check(int status, const char* action) {
-        if (status >= ARCHIVE_WARN) return;
         failOnOutput();
-        throw CopyError("cannot " + std::string(action) + ": " + archiveMessage());
-    }
-
-    // The archive's own failures name a system error only when writing the archive
-    // file failed (the data it is given is read here, not by it); EINVAL and EILSEQ
-    // are its codes for misuse and for names it cannot convert.
-    void failOnOutput() {
-        int error = archive_errno(archive_.get());
-        if (error > 0 && error != EINVAL && error != EILSEQ) failOn(archivePath_, "write", error);
+        if (status < ARCHIVE_WARN) throw CopyError("cannot " + std::string(action) + ": " + archiveMessage());
     }
 
     [[noreturn]] void failToArchive(std::string_view path) {
         failOnOutput();
         throw CopyError("cannot archive \"" + std::string(path) + "\": " + archiveMessage());
+    }
+
+    void failOnOutput() const {
+        if (outputError_ != 0) failOn(archivePath_, "write", outputError_);
+    }
+
+    // The archive's bytes go out here. A failure is kept for failOnOutput() and the
+    // rest is dropped, but the archive is told all went well: an archive that failed
+    // in its writer cannot be closed, and closing is what frees its compressor.
+    static la_ssize_t writeOutput(archive*, void* self, const void* buffer, std::size_t length) {
+        auto* writer = static_cast<ZipWriter*>(self);
+        auto* bytes = static_cast<const char*>(buffer);
+        for (std::size_t done = 0; writer->outputError_ == 0 && done < length;) {
+            ssize_t written = ::write(writer->outputFd_, bytes + done, length - done);
+            if (written < 0 && errno == EINTR) continue;
+            if (written < 0) writer->outputError_ = errno;
+            if (written > 0) done += static_cast<std::size_t>(written);
+        }
+        return static_cast<la_ssize_t>(length);
     }
 
     std::string archiveMessage() {
@@ -192,6 +208,8 @@ private:
     }
 
     int sourceRoot_;
+    int outputFd_;
+    int outputError_ = 0;
     std::string archivePath_;
     std::unique_ptr<archive, ArchiveFree> archive_;
     std::unique_ptr<archive_entry, EntryFree> entry_;
@@ -212,3 +230,4 @@ void writeZipArchive(const std::vector<PlannedItem>& plan, int sourceRoot, const
 }
 
 }  // namespace whittle::copy
+
