@@ -278,7 +278,8 @@ Value shareAttachment(const VolumeRegistry& registry, AttachmentRecord record,
     } else {
         if (std::find(record.owners.begin(), record.owners.end(), *owner) != record.owners.end())
             return record.systemEntities;
-        std::erase_if(record.owners, [](const helper::ProcessIdentity& earlier) { return !helper::isRunning(earlier); });
+        std::erase_if(record.owners,
+                      [](const helper::ProcessIdentity& earlier) { return !helper::isRunning(earlier); });
         record.owners.push_back(*owner);
     }
     registry.save(record);
@@ -330,7 +331,8 @@ Value attachImage(const AttachOptions& options, const ToolSettings& settings, co
     PreparedVolume prepared = prepareVolume(image.get(), imagePath, work, options, settings, askPassphrase);
 
     auto lock = registry.lock();
-    if (auto record = registry.findByImage(imageKey)) return shareAttachment(registry, *record, owner);  // attached meanwhile
+    // Attached meanwhile by another run.
+    if (auto record = registry.findByImage(imageKey)) return shareAttachment(registry, *record, owner);
     AttachmentRecord record;
     record.diskNumber = registry.unusedDiskNumber();
     record.imageKey = imageKey;

@@ -66,7 +66,7 @@ std::vector<std::string> createArguments(const std::string& folder, const std::s
 
 std::vector<std::string> attachArguments(const std::string& image) { return {diskImageTool(), "attach", image, "-plist"}; }
 
-// The records of attached images that name this image.
+// True when a record of an attached image names this image.
 bool anyRecordNames(const std::string& image) {
     for (const std::string& name : namesStartingWith(stateFolder(), "disk"))
         if (readFile(stateFolder() + "/" + name).find(image) != std::string::npos) return true;
