@@ -11,6 +11,7 @@
 #include "platform/bom/BomReader.hpp"
 #include "platform/bom/BomWriter.hpp"
 #include "platform/bom/FileBytes.hpp"
+#include "platform/helper/StopCleanup.hpp"
 
 namespace {
 
@@ -127,6 +128,7 @@ void listBom(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    whittle::helper::tieToCaller();
     std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
     Command command;
     try {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/bom/BomFormat.hpp"
+#include "platform/helper/StopCleanup.hpp"
 
 namespace whittle::bom {
 
@@ -31,7 +32,8 @@ private:
 };
 
 BomError systemError(const std::string& what, const std::string& path) {
-    return BomError(what + " \"" + path + "\": " + std::strerror(errno));
+    int error = errno;
+    return BomError(what + " \"" + path + "\": " + std::strerror(error));
 }
 
 mode_t currentUmask() {
@@ -82,8 +84,14 @@ void writeFileAtomically(const std::string& path, std::string_view bytes) {
     std::string temporaryName = temporaryTemplateFor(path);
     std::vector<char> nameBuffer(temporaryName.begin(), temporaryName.end());
     nameBuffer.push_back('\0');
-    Descriptor fd(::mkostemp(nameBuffer.data(), O_CLOEXEC));
-    if (fd.get() < 0) throw systemError("cannot create a file beside", path);
+    int created = -1;
+    {
+        helper::StopSignalsBlocked blocked;  // no stop between making it and registering it
+        created = ::mkostemp(nameBuffer.data(), O_CLOEXEC);
+        if (created < 0) throw systemError("cannot create a file beside", path);
+        helper::removeOnStop(nameBuffer.data());
+    }
+    Descriptor fd(created);
     temporaryName.assign(nameBuffer.data());
     try {
         writeAll(fd.get(), bytes);
@@ -94,8 +102,10 @@ void writeFileAtomically(const std::string& path, std::string_view bytes) {
         if (::rename(temporaryName.c_str(), path.c_str()) != 0) throw BomError(std::strerror(errno));
     } catch (const BomError& error) {
         ::unlink(temporaryName.c_str());
+        helper::keepOnStop(temporaryName);
         throw BomError("cannot write \"" + path + "\": " + error.what());
     }
+    helper::keepOnStop(temporaryName);
 }
 
 }  // namespace whittle::bom

@@ -15,6 +15,7 @@
 #include "platform/copy/CopyPlan.hpp"
 #include "platform/copy/FolderCopy.hpp"
 #include "platform/copy/ZipArchive.hpp"
+#include "platform/helper/StopCleanup.hpp"
 
 namespace {
 
@@ -91,14 +92,16 @@ void run(const Request& request, mode_t umaskAtStart) {
         whittle::copy::writeZipArchive(plan, source.get(), request.destination, 0666 & ~umaskAtStart);
         return;
     }
-    Descriptor destination = whittle::copy::makeDestinationFolder(request.destination, 0777 & ~umaskAtStart);
-    refuseSameFolder(source.get(), destination.get());
-    whittle::copy::copyIntoFolder(plan, source.get(), destination.get(), stdout);
+    whittle::copy::Destination destination(request.destination, 0777 & ~umaskAtStart);
+    refuseSameFolder(source.get(), destination.fd());
+    whittle::copy::copyIntoFolder(plan, source.get(), destination, stdout);
+    destination.keep();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    whittle::helper::tieToCaller();
     // Everything is created with the source's exact modes.
     mode_t umaskAtStart = ::umask(0);
     std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);

@@ -7,12 +7,15 @@
 #include <cerrno>
 #include <memory>
 
+#include "platform/helper/StopCleanup.hpp"
+
 namespace whittle::copy {
 
 namespace {
 
-// As much as the kernel will take per call; it copies in its own steps.
-constexpr std::size_t kCopyRangeChunk = std::size_t{1} << 30;
+// Large enough to cost nothing, small enough that a stop signal is handled promptly
+// (the kernel finishes a step before the signal handler runs).
+constexpr std::size_t kCopyRangeChunk = std::size_t{64} << 20;
 constexpr std::size_t kReadWriteBuffer = std::size_t{1} << 20;
 
 // Permission bits to give a copy. Without the source's owner, set-id bits would
@@ -24,10 +27,15 @@ mode_t permissionsFor(const struct stat& source) {
     return permissions;
 }
 
+// "./a/b" -> "a/b".
+std::string relativePathOf(std::string_view planPath) {
+    return std::string(planPath.starts_with("./") ? planPath.substr(2) : planPath);
+}
+
 class FolderCopier {
 public:
-    FolderCopier(int sourceRoot, int destinationRoot, std::FILE* verboseOut)
-        : sourceRoot_(sourceRoot), destinationRoot_(destinationRoot), verboseOut_(verboseOut) {}
+    FolderCopier(int sourceRoot, Destination& destination, std::FILE* verboseOut)
+        : sourceRoot_(sourceRoot), destination_(destination), verboseOut_(verboseOut) {}
 
     void copy(const std::vector<PlannedItem>& plan) {
         PlanPath planPath;
@@ -49,7 +57,28 @@ private:
         Descriptor destination;
         const PlannedItem* item = nullptr;
         std::string path;
+        bool madeByThisCopy = false;  // then so is everything made inside it
     };
+
+    // Runs create(), which makes one new entry in the destination folder and answers a
+    // negative number on failure. What it makes in a folder that existed before is
+    // registered for removal in the same step, as far as a stop is concerned.
+    template <typename Create>
+    int createOwned(std::string_view path, Create create) {
+        if (openFolders_.back().madeByThisCopy) return create();
+        helper::StopSignalsBlocked blocked;
+        int result = create();
+        if (result >= 0) {
+            int error = errno;
+            helper::removeOnStopBelow(destination_.fd(), relativePathOf(path));
+            errno = error;
+        }
+        return result;
+    }
+
+    [[noreturn]] void failInDestination(std::string_view path, const char* action, int error) const {
+        failOn(destination_.pathOf(path), action, error);
+    }
 
     void copyItem(const PlannedItem& item, std::string_view path) {
         if (item.depth == 0) {
@@ -61,9 +90,11 @@ private:
         std::string name(item.name);
         mode_t type = item.source.st_mode & S_IFMT;
         switch (type) {
-            case S_IFDIR:
-                openFolders_.push_back(makeFolder(item, sourceParent, destinationParent, name, path));
+            case S_IFDIR: {
+                OpenFolder folder = makeFolder(item, sourceParent, destinationParent, name, path);
+                openFolders_.push_back(std::move(folder));
                 break;
+            }
             case S_IFREG:
                 copyFile(item, sourceParent, destinationParent, name, path);
                 break;
@@ -83,10 +114,11 @@ private:
     void openRoot(const PlannedItem& item) {
         OpenFolder root;
         root.source = Descriptor(::fcntl(sourceRoot_, F_DUPFD_CLOEXEC, 0));
-        root.destination = Descriptor(::fcntl(destinationRoot_, F_DUPFD_CLOEXEC, 0));
+        root.destination = Descriptor(::fcntl(destination_.fd(), F_DUPFD_CLOEXEC, 0));
         if (!root.source.valid() || !root.destination.valid()) failOn(".", "open", errno);
         root.item = &item;
         root.path = ".";
+        root.madeByThisCopy = destination_.madeByThisCopy();
         openFolders_.push_back(std::move(root));
     }
 
@@ -96,18 +128,19 @@ private:
                           std::string_view path) {
         // Owner access until its contents are in; the real mode comes when it is finished.
         bool existed = false;
-        if (::mkdirat(destinationParent, name.c_str(), 0700) != 0) {
-            if (errno != EEXIST) failOn(path, "create folder", errno);
+        if (createOwned(path, [&] { return ::mkdirat(destinationParent, name.c_str(), 0700); }) != 0) {
+            if (errno != EEXIST) failInDestination(path, "create folder", errno);
             existed = true;
         }
         OpenFolder folder;
+        folder.madeByThisCopy = !existed || openFolders_.back().madeByThisCopy;
         folder.destination =
             Descriptor(::openat(destinationParent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!folder.destination.valid()) {
             if (errno == ELOOP || errno == ENOTDIR)
                 throw CopyError("refusing to write into \"" + std::string(path) +
                                 "\": in the destination it is a symbolic link or not a folder");
-            failOn(path, "open destination folder", errno);
+            failInDestination(path, "open destination folder", errno);
         }
         if (existed) makeWritable(folder.destination.get(), path);
         if (item.hasChildren) {
@@ -120,11 +153,11 @@ private:
         return folder;
     }
 
-    static void makeWritable(int folder, std::string_view path) {
+    void makeWritable(int folder, std::string_view path) const {
         struct stat info {};
-        if (::fstat(folder, &info) != 0) failOn(path, "examine destination folder", errno);
+        if (::fstat(folder, &info) != 0) failInDestination(path, "examine destination folder", errno);
         if ((info.st_mode & 0700) != 0700 && ::fchmod(folder, (info.st_mode & 07777) | 0700) != 0)
-            failOn(path, "change mode of destination folder", errno);
+            failInDestination(path, "change mode of destination folder", errno);
     }
 
     // A folder's mode and times are set once its contents are in, as adding them
@@ -134,9 +167,10 @@ private:
             OpenFolder& folder = openFolders_.back();
             const struct stat& source = folder.item->source;
             int destination = folder.destination.get();
-            if (::fchmod(destination, permissionsFor(source)) != 0) failOn(folder.path, "set the mode of", errno);
+            if (::fchmod(destination, permissionsFor(source)) != 0)
+                failInDestination(folder.path, "set the mode of", errno);
             struct timespec times[2] = {source.st_atim, source.st_mtim};
-            if (::futimens(destination, times) != 0) failOn(folder.path, "set the times of", errno);
+            if (::futimens(destination, times) != 0) failInDestination(folder.path, "set the times of", errno);
             openFolders_.pop_back();
         }
     }
@@ -156,10 +190,10 @@ private:
         copyData(source.get(), destination.get(), item.source.st_size, path);
         // Creation may not set the special bits, so they are set apart.
         if ((permissions & 07000) != 0 && ::fchmod(destination.get(), permissions) != 0)
-            failOn(path, "set the mode of", errno);
+            failInDestination(path, "set the mode of", errno);
         struct timespec times[2] = {item.source.st_atim, item.source.st_mtim};
-        if (::futimens(destination.get(), times) != 0) failOn(path, "set the times of", errno);
-        if (::close(destination.release()) != 0) failOn(path, "write", errno);
+        if (::futimens(destination.get(), times) != 0) failInDestination(path, "set the times of", errno);
+        if (::close(destination.release()) != 0) failInDestination(path, "write", errno);
     }
 
     void copyData(int from, int to, off_t expectedSize, std::string_view path) {
@@ -182,7 +216,8 @@ private:
             if (errno == EINTR) continue;
             if (errno == ENOSYS) copyRangeWorks_ = false;
             if (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP) return false;
-            failOn(path, "copy", errno);
+            throw CopyError("cannot copy \"" + std::string(path) + "\" to \"" + destination_.pathOf(path) +
+                            "\": " + systemMessage(errno));
         }
     }
 
@@ -198,7 +233,7 @@ private:
             for (ssize_t done = 0; done < got;) {
                 ssize_t written = ::write(to, buffer_.get() + done, static_cast<std::size_t>(got - done));
                 if (written < 0 && errno == EINTR) continue;
-                if (written < 0) failOn(path, "write", errno);
+                if (written < 0) failInDestination(path, "write", errno);
                 done += written;
             }
         }
@@ -222,30 +257,32 @@ private:
         setTimesOfEntry(item, destinationParent, name, path);
     }
 
-    static void setTimesOfEntry(const PlannedItem& item, int folder, const std::string& name, std::string_view path) {
+    void setTimesOfEntry(const PlannedItem& item, int folder, const std::string& name, std::string_view path) const {
         struct timespec times[2] = {item.source.st_atim, item.source.st_mtim};
-        if (::utimensat(folder, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) failOn(path, "set the times of", errno);
+        if (::utimensat(folder, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+            failInDestination(path, "set the times of", errno);
     }
 
     // Runs create(), which makes a new entry in the folder and fails with EEXIST if
     // the name is taken; a file or link in the way is removed once and create()
     // retried. Returns create()'s non-negative result.
     template <typename Create>
-    static int replaceWith(int folder, const std::string& name, std::string_view path, Create create) {
+    int replaceWith(int folder, const std::string& name, std::string_view path, Create create) {
         for (int attempt = 0;; ++attempt) {
-            int result = create();
+            int result = createOwned(path, create);
             if (result >= 0) return result;
-            if (errno != EEXIST || attempt > 0) failOn(path, "create", errno);
+            if (errno != EEXIST || attempt > 0) failInDestination(path, "create", errno);
             if (::unlinkat(folder, name.c_str(), 0) != 0) {
                 if (errno == EISDIR)
-                    throw CopyError("cannot replace \"" + std::string(path) + "\": it is a folder in the destination");
-                failOn(path, "replace", errno);
+                    throw CopyError("cannot replace \"" + destination_.pathOf(path) +
+                                    "\": it is a folder in the destination");
+                failInDestination(path, "replace", errno);
             }
         }
     }
 
     int sourceRoot_;
-    int destinationRoot_;
+    Destination& destination_;
     std::FILE* verboseOut_;
     std::vector<OpenFolder> openFolders_;
     std::unique_ptr<char[]> buffer_;
@@ -254,19 +291,58 @@ private:
 
 }  // namespace
 
-Descriptor makeDestinationFolder(const std::string& path, mode_t newFolderMode) {
+Destination::Destination(const std::string& path, mode_t newFolderMode) : path_(path) {
     if (path.empty()) throw CopyError("the destination path is empty");
-    // Like "mkdir -p": errors on the way show up when the folder is opened.
+    // Like "mkdir -p"; the first error on the way is the one worth reporting.
+    int firstError = 0;
+    auto makeFolder = [&](const std::string& folder) {
+        helper::StopSignalsBlocked blocked;  // no stop between making it and registering it
+        if (::mkdir(folder.c_str(), newFolderMode) == 0) {
+            if (outermostMadeFolder_.empty()) {
+                outermostMadeFolder_ = folder;
+                helper::removeOnStop(folder);
+            }
+        } else if (errno != EEXIST && firstError == 0) {
+            firstError = errno;
+        }
+    };
     for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
-        ::mkdir(path.substr(0, slash).c_str(), newFolderMode);
-    ::mkdir(path.c_str(), newFolderMode);
-    Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder.valid()) failOn(path, "create destination folder", errno);
-    return folder;
+        makeFolder(path.substr(0, slash));
+    makeFolder(path);
+    folder_ = Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder_.valid()) {
+        int error = errno == ENOENT && firstError != 0 ? firstError : errno;
+        if (madeByThisCopy()) helper::removeNow(outermostMadeFolder_);
+        failOn(path, "create destination folder", error);
+    }
 }
 
-void copyIntoFolder(const std::vector<PlannedItem>& plan, int sourceRoot, int destinationRoot, std::FILE* verboseOut) {
-    FolderCopier(sourceRoot, destinationRoot, verboseOut).copy(plan);
+Destination::~Destination() {
+    if (kept_) return;
+    if (madeByThisCopy()) {
+        helper::removeNow(outermostMadeFolder_);
+    } else if (folder_.valid()) {
+        helper::removeEverythingBelowNow(folder_.get());
+    }
+}
+
+std::string Destination::pathOf(std::string_view planPath) const {
+    if (planPath == ".") return path_;
+    return path_ + (path_.ends_with('/') ? "" : "/") + relativePathOf(planPath);
+}
+
+void Destination::keep() {
+    kept_ = true;
+    if (madeByThisCopy()) {
+        helper::keepOnStop(outermostMadeFolder_);
+    } else {
+        helper::keepEverythingBelow(folder_.get());
+    }
+}
+
+void copyIntoFolder(const std::vector<PlannedItem>& plan, int sourceRoot, Destination& destination,
+                    std::FILE* verboseOut) {
+    FolderCopier(sourceRoot, destination, verboseOut).copy(plan);
 }
 
 }  // namespace whittle::copy

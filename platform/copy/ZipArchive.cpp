@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "platform/copy/CopyCommon.hpp"
+#include "platform/helper/StopCleanup.hpp"
 
 namespace whittle::copy {
 
@@ -24,18 +25,25 @@ struct EntryFree {
     void operator()(archive_entry* entry) const { archive_entry_free(entry); }
 };
 
-// The archive being written, in a temporary file that is removed unless committed.
+// The archive being written, in a temporary file that is removed unless committed,
+// and also when the tool is stopped.
 class TemporaryFile {
 public:
     explicit TemporaryFile(const std::string& finalPath) : finalPath_(finalPath) {
         auto nameStart = finalPath.find_last_of('/') + 1;  // 0 when there is no slash
         std::string name = finalPath.substr(0, nameStart) + "." + finalPath.substr(nameStart) + ".XXXXXX";
-        fd_ = Descriptor(::mkostemp(name.data(), O_CLOEXEC));
-        if (!fd_.valid()) throw CopyError("cannot create a file beside \"" + finalPath + "\": " + systemMessage(errno));
+        {
+            helper::StopSignalsBlocked blocked;  // no stop between making it and registering it
+            fd_ = Descriptor(::mkostemp(name.data(), O_CLOEXEC));
+            if (!fd_.valid()) failOn(finalPath, "create a file beside", errno);
+            helper::removeOnStop(name);
+        }
         path_ = name;
     }
     ~TemporaryFile() {
-        if (!path_.empty()) ::unlink(path_.c_str());
+        if (path_.empty()) return;
+        ::unlink(path_.c_str());
+        helper::keepOnStop(path_);
     }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
@@ -43,12 +51,10 @@ public:
     int fd() const { return fd_.get(); }
 
     void commit(mode_t mode) {
-        auto failure = [this](const char* action) {
-            return CopyError("cannot " + std::string(action) + " \"" + finalPath_ + "\": " + systemMessage(errno));
-        };
-        if (::fchmod(fd_.get(), mode) != 0) throw failure("set the mode of");
-        if (::close(fd_.release()) != 0) throw failure("write");
-        if (::rename(path_.c_str(), finalPath_.c_str()) != 0) throw failure("write");
+        if (::fchmod(fd_.get(), mode) != 0) failOn(finalPath_, "set the mode of", errno);
+        if (::close(fd_.release()) != 0) failOn(finalPath_, "write", errno);
+        if (::rename(path_.c_str(), finalPath_.c_str()) != 0) failOn(finalPath_, "write", errno);
+        helper::keepOnStop(path_);
         path_.clear();
     }
 
@@ -60,14 +66,18 @@ private:
 
 class ZipWriter {
 public:
-    ZipWriter(int sourceRoot, int outputFd)
-        : sourceRoot_(sourceRoot), archive_(archive_write_new()), entry_(archive_entry_new()) {
+    ZipWriter(int sourceRoot, int outputFd, const std::string& archivePath)
+        : sourceRoot_(sourceRoot),
+          outputFd_(outputFd),
+          archivePath_(archivePath),
+          archive_(archive_write_new()),
+          entry_(archive_entry_new()) {
         if (!archive_ || !entry_) throw std::bad_alloc();
         check(archive_write_set_format_zip(archive_.get()), "set up the archive");
         check(archive_write_zip_set_compression_deflate(archive_.get()), "set up the archive");
         // A zip archive ends where its data ends: no padding to a block size.
         check(archive_write_set_bytes_in_last_block(archive_.get(), 1), "set up the archive");
-        check(archive_write_open_fd(archive_.get(), outputFd), "start the archive");
+        check(archive_write_open2(archive_.get(), this, nullptr, writeOutput, nullptr, nullptr), "start the archive");
     }
 
     void write(const std::vector<PlannedItem>& plan) {
@@ -143,7 +153,8 @@ private:
             if (got < 0) failOn(path, "read", errno);
             if (got == 0) throw CopyError("\"" + std::string(path) + "\" shrank while it was being archived");
             if (archive_write_data(archive_.get(), buffer_.get(), static_cast<std::size_t>(got)) < 0)
-                throw CopyError("cannot archive \"" + std::string(path) + "\": " + archiveMessage());
+                failToArchive(path);
+            failOnOutput();
             remaining -= got;
         }
     }
@@ -158,12 +169,37 @@ private:
 
     void writeHeader(std::string_view path) {
         // A warning (such as a name that needed conversion) still writes the entry.
-        if (archive_write_header(archive_.get(), entry_.get()) < ARCHIVE_WARN)
-            throw CopyError("cannot archive \"" + std::string(path) + "\": " + archiveMessage());
+        if (archive_write_header(archive_.get(), entry_.get()) < ARCHIVE_WARN) failToArchive(path);
+        failOnOutput();
     }
 
     void check(int status, const char* action) {
+        failOnOutput();
         if (status < ARCHIVE_WARN) throw CopyError("cannot " + std::string(action) + ": " + archiveMessage());
+    }
+
+    [[noreturn]] void failToArchive(std::string_view path) {
+        failOnOutput();
+        throw CopyError("cannot archive \"" + std::string(path) + "\": " + archiveMessage());
+    }
+
+    void failOnOutput() const {
+        if (outputError_ != 0) failOn(archivePath_, "write", outputError_);
+    }
+
+    // The archive's bytes go out here. A failure is kept for failOnOutput() and the
+    // rest is dropped, but the archive is told all went well: an archive that failed
+    // in its writer cannot be closed, and closing is what frees its compressor.
+    static la_ssize_t writeOutput(archive*, void* self, const void* buffer, std::size_t length) {
+        auto* writer = static_cast<ZipWriter*>(self);
+        auto* bytes = static_cast<const char*>(buffer);
+        for (std::size_t done = 0; writer->outputError_ == 0 && done < length;) {
+            ssize_t written = ::write(writer->outputFd_, bytes + done, length - done);
+            if (written < 0 && errno == EINTR) continue;
+            if (written < 0) writer->outputError_ = errno;
+            if (written > 0) done += static_cast<std::size_t>(written);
+        }
+        return static_cast<la_ssize_t>(length);
     }
 
     std::string archiveMessage() {
@@ -172,6 +208,9 @@ private:
     }
 
     int sourceRoot_;
+    int outputFd_;
+    int outputError_ = 0;
+    std::string archivePath_;
     std::unique_ptr<archive, ArchiveFree> archive_;
     std::unique_ptr<archive_entry, EntryFree> entry_;
     std::vector<Descriptor> folders_;  // the source root and the folders down to the current item
@@ -184,10 +223,11 @@ void writeZipArchive(const std::vector<PlannedItem>& plan, int sourceRoot, const
                      mode_t newFileMode) {
     TemporaryFile output(archivePath);
     {
-        ZipWriter writer(sourceRoot, output.fd());
+        ZipWriter writer(sourceRoot, output.fd(), archivePath);
         writer.write(plan);
     }
     output.commit(newFileMode);
 }
 
 }  // namespace whittle::copy
+

@@ -5,10 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <optional>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -17,19 +20,25 @@
 #include "platform/diskimage/EncryptedContainer.hpp"
 #include "platform/diskimage/Entities.hpp"
 #include "platform/diskimage/FileIo.hpp"
+#include "platform/diskimage/StopCleanup.hpp"
 #include "platform/diskimage/Subprocess.hpp"
 #include "platform/diskimage/Udif.hpp"
 #include "platform/diskimage/VolumeRegistry.hpp"
+#include "platform/helper/ProcessInfo.hpp"
 
 namespace whittle::diskimage {
 
 namespace {
 
-// A folder for work in progress, removed with its content when done.
+// A folder for work in progress (made by VolumeRegistry::makeWorkFolder), removed with
+// its content when done, or when the tool is stopped.
 class WorkFolder {
 public:
     explicit WorkFolder(std::string path) : path_(std::move(path)) {}
-    ~WorkFolder() { removeTree(path_); }
+    ~WorkFolder() {
+        removeTree(path_);
+        keepOnStop(path_);
+    }
     WorkFolder(const WorkFolder&) = delete;
     WorkFolder& operator=(const WorkFolder&) = delete;
     const std::string& path() const { return path_; }
@@ -70,6 +79,7 @@ public:
                          const std::string& imagePath)
         : imagePath_(imagePath) {
         if (hasOnlyRawChunks(image)) {
+            StopSignalsBlocked blocked;  // inherited by the thread: stops are the main thread's business
             ownPass_ = std::thread([this, udifFd, &image, imagePath] {
                 try {
                     verifyRawImage(udifFd, image, imagePath);
@@ -92,8 +102,8 @@ public:
         if (ownPass_.joinable()) ownPass_.join();
         if (failure_) std::rethrow_exception(failure_);
         if (sevenZipPass_ && sevenZipPass_->wait() != 0)
-            throw DiskImageError(inQuotes(imagePath_) + " is damaged: checksum verification failed\n" +
-                                 sevenZipPass_->messageTail());
+            throw DiskImageError(inQuotes(imagePath_) +
+                                 " is damaged: checksum verification failed: " + sevenZipPass_->failureReason());
     }
 
 private:
@@ -115,7 +125,8 @@ void extractVolume(const ToolSettings& settings, int udifFd, const UdifImage& im
     if (verification) verification->finish();
     // 1 is 7zz's status for warnings only.
     if (extractStatus != 0 && extractStatus != 1)
-        throw DiskImageError("cannot extract the volume of " + inQuotes(imagePath) + "\n" + extractor.messageTail());
+        throw DiskImageError("cannot extract the volume of " + inQuotes(imagePath) + " into " +
+                             inQuotes(outputFolder) + ": " + extractor.failureReason());
 }
 
 // The one folder that 7zz made for the volume.
@@ -213,6 +224,89 @@ VolumeRegistry existingRegistry(const ToolSettings& settings, const std::string&
     }
 }
 
+// Takes the record's volume out of the volumes folder at once, into a work folder that
+// goes with it when dropped, and forgets the record. Only a folder directly inside the
+// volumes folder is ever removed. Call with the lock held.
+std::unique_ptr<WorkFolder> detachVolume(const VolumeRegistry& registry, const AttachmentRecord& record) {
+    std::unique_ptr<WorkFolder> doomed;
+    if (registry.isMountPointPath(record.mountPoint)) {
+        doomed = std::make_unique<WorkFolder>(registry.makeWorkFolder("eject"));
+        if (::rename(record.mountPoint.c_str(), (doomed->path() + "/volume").c_str()) != 0) {
+            int error = errno;
+            throwSystemError("cannot remove " + inQuotes(record.mountPoint), error);
+        }
+    }
+    registry.forget(record.diskNumber);
+    return doomed;
+}
+
+using DetachedVolumes = std::vector<std::unique_ptr<WorkFolder>>;
+
+// Detaches the volumes that runs attached and left behind when they ended; answers
+// the names they had. Those names are not given out again by this attach: the caller
+// took the volumes folder's names before it started the tool, and would take a volume
+// under one of them for one that was attached before. Call with the lock held.
+std::set<std::string> detachVolumesOfEndedRuns(const VolumeRegistry& registry, DetachedVolumes& detached) {
+    std::set<std::string> names;
+    for (const AttachmentRecord& record : registry.allRecords()) {
+        if (!record.outlivedItsOwners()) continue;
+        try {
+            detached.push_back(detachVolume(registry, record));
+            names.insert(lastComponentOf(record.mountPoint));
+        } catch (const DiskImageError&) {
+            // Left attached: it still answers for its image.
+        }
+    }
+    return names;
+}
+
+// The run this attach is for: the caller. An attach typed at a terminal is the
+// user's own (the tool's callers never give it a terminal as standard input), and its
+// volume stays until the user ejects it.
+std::optional<helper::ProcessIdentity> ownerOfThisAttach() {
+    if (::isatty(STDIN_FILENO)) return std::nullopt;
+    return helper::runningProcess(helper::callerPid());
+}
+
+// An image attached already: this run uses its volume as well, and the volume stays
+// while any of its runs goes on. Once the user has attached it, it stays for good.
+Value shareAttachment(const VolumeRegistry& registry, AttachmentRecord record,
+                      const std::optional<helper::ProcessIdentity>& owner) {
+    if (record.owners.empty()) return record.systemEntities;
+    if (!owner) {
+        record.owners.clear();
+    } else {
+        if (std::find(record.owners.begin(), record.owners.end(), *owner) != record.owners.end())
+            return record.systemEntities;
+        std::erase_if(record.owners,
+                      [](const helper::ProcessIdentity& earlier) { return !helper::isRunning(earlier); });
+        record.owners.push_back(*owner);
+    }
+    registry.save(record);
+    return record.systemEntities;
+}
+
+// Moves the prepared volume to its mount point and records it; a stop in between
+// leaves neither.
+void publishVolume(const VolumeRegistry& registry, const std::string& preparedFolder, const AttachmentRecord& record) {
+    {
+        StopSignalsBlocked blocked;
+        if (::renameat2(AT_FDCWD, preparedFolder.c_str(), AT_FDCWD, record.mountPoint.c_str(), RENAME_NOREPLACE) != 0) {
+            int error = errno;
+            throwSystemError("cannot make the volume available at " + inQuotes(record.mountPoint), error);
+        }
+        removeOnStop(record.mountPoint);
+    }
+    try {
+        registry.save(record);
+    } catch (const DiskImageError&) {
+        removeTree(record.mountPoint);
+        keepOnStop(record.mountPoint);
+        throw;
+    }
+    keepOnStop(record.mountPoint);
+}
+
 }  // namespace
 
 Value attachImage(const AttachOptions& options, const ToolSettings& settings, const PassphrasePrompt& askPassphrase) {
@@ -221,11 +315,15 @@ Value attachImage(const AttachOptions& options, const ToolSettings& settings, co
     if (!S_ISREG(statusOf(image.get(), imagePath).st_mode))
         throw DiskImageError(inQuotes(imagePath) + " is not a file");
     std::string imageKey = VolumeRegistry::imageKeyOf(image.get(), imagePath);
+    std::optional<helper::ProcessIdentity> owner = ownerOfThisAttach();
     VolumeRegistry registry(settings.volumesFolder, VolumeRegistry::Missing::Create);
+    DetachedVolumes detached;  // removed after the lock is given back
+    std::set<std::string> freedNames;
     {
         auto lock = registry.lock();
         registry.removeAbandonedWork();
-        if (auto record = registry.findByImage(imageKey)) return record->systemEntities;
+        freedNames = detachVolumesOfEndedRuns(registry, detached);
+        if (auto record = registry.findByImage(imageKey)) return shareAttachment(registry, *record, owner);
     }
 
     // The slow part runs without the lock, so that other images attach meanwhile.
@@ -233,21 +331,16 @@ Value attachImage(const AttachOptions& options, const ToolSettings& settings, co
     PreparedVolume prepared = prepareVolume(image.get(), imagePath, work, options, settings, askPassphrase);
 
     auto lock = registry.lock();
-    if (auto record = registry.findByImage(imageKey)) return record->systemEntities;  // attached meanwhile
+    // Attached meanwhile by another run.
+    if (auto record = registry.findByImage(imageKey)) return shareAttachment(registry, *record, owner);
     AttachmentRecord record;
     record.diskNumber = registry.unusedDiskNumber();
     record.imageKey = imageKey;
     record.imagePath = imagePath;
-    record.mountPoint = registry.unusedMountPoint(lastComponentOf(prepared.folder));
+    record.mountPoint = registry.unusedMountPoint(lastComponentOf(prepared.folder), freedNames);
     record.systemEntities = systemEntities(prepared.plan, record.diskNumber, record.mountPoint);
-    if (::rename(prepared.folder.c_str(), record.mountPoint.c_str()) != 0)
-        throwSystemError("cannot make the volume available at " + inQuotes(record.mountPoint), errno);
-    try {
-        registry.save(record);
-    } catch (const DiskImageError&) {
-        removeTree(record.mountPoint);
-        throw;
-    }
+    if (owner) record.owners.push_back(*owner);
+    publishVolume(registry, prepared.folder, record);
     return record.systemEntities;
 }
 
@@ -256,20 +349,13 @@ std::string ejectDisk(std::string_view devEntryText, const ToolSettings& setting
     auto diskNumber = diskNumberOfDevEntry(entry);
     if (!diskNumber) throw DiskImageError(inQuotes(entry) + " is not the device entry of an attached image");
     VolumeRegistry registry = existingRegistry(settings, entry);
-    std::optional<WorkFolder> doomed;
+    std::unique_ptr<WorkFolder> doomed;  // removed after the lock is given back
     {
         auto lock = registry.lock();
         registry.removeAbandonedWork();
         auto record = registry.findByDisk(*diskNumber);
         if (!record) throw DiskImageError(noSuchDisk(entry));
-        // Moved aside first, so the volume disappears at once; only a folder directly
-        // inside the volumes folder is ever removed.
-        if (registry.isMountPointPath(record->mountPoint)) {
-            doomed.emplace(registry.makeWorkFolder("eject"));
-            if (::rename(record->mountPoint.c_str(), (doomed->path() + "/volume").c_str()) != 0)
-                throwSystemError("cannot remove " + inQuotes(record->mountPoint), errno);
-        }
-        registry.forget(*diskNumber);
+        doomed = detachVolume(registry, *record);
     }
     return lastComponentOf(devEntry(*diskNumber, 0));
 }

@@ -91,8 +91,8 @@ std::vector<std::string> xorrisoArguments(const ToolSettings& settings, const st
 void runXorriso(const ToolSettings& settings, const std::string& sourceFolder, const std::string& outputPath) {
     ChildProcess builder(xorrisoArguments(settings, sourceFolder, outputPath));
     if (builder.wait() != 0)
-        throw DiskImageError("xorriso could not build the volume of " + inQuotes(sourceFolder) + "\n" +
-                             builder.messageTail());
+        throw DiskImageError("xorriso could not build the volume of " + inQuotes(sourceFolder) + " in " +
+                             inQuotes(outputPath) + ": " + builder.failureReason());
 }
 
 void checkHfsSignature(std::string_view volume) {

@@ -1,18 +1,14 @@
 #include "platform/diskimage/Subprocess.hpp"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <string_view>
 
 #include "platform/diskimage/DiskImageError.hpp"
-#include "platform/diskimage/StopCleanup.hpp"
-
-extern char** environ;
+#include "platform/helper/ChildProcesses.hpp"
 
 namespace whittle::diskimage {
 
@@ -20,36 +16,18 @@ namespace {
 
 constexpr std::size_t kMessageTailLines = 6;
 
-// Children start with no signal blocked, whatever the tool blocks at that moment.
-class SpawnAttributes {
-public:
-    SpawnAttributes() {
-        posix_spawnattr_init(&attributes_);
-        sigset_t none;
-        sigemptyset(&none);
-        posix_spawnattr_setsigmask(&attributes_, &none);
-        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK);
-    }
-    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-    posix_spawnattr_t* get() { return &attributes_; }
+// The reasons a child may give in the system's words, the more telling first.
+constexpr int kReasonsToLookFor[] = {ENOSPC, EDQUOT, EROFS, EACCES, EPERM, EFBIG, EIO, ENAMETOOLONG, EMFILE, ENOENT};
+// xorriso measures the free space before it writes, and says so in its own words.
+constexpr std::string_view kXorrisoFullDisk = "exceeds free space on media";
 
-private:
-    posix_spawnattr_t attributes_;
-};
-
-class SpawnActions {
-public:
-    SpawnActions() { posix_spawn_file_actions_init(&actions_); }
-    ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
-    SpawnActions(const SpawnActions&) = delete;
-    SpawnActions& operator=(const SpawnActions&) = delete;
-    posix_spawn_file_actions_t* get() { return &actions_; }
-
-private:
-    posix_spawn_file_actions_t actions_;
-};
+std::string lastLineOf(const std::string& text) {
+    auto end = text.find_last_not_of("\r\n ");
+    if (end == std::string::npos) return "";
+    auto newline = text.rfind('\n', end);
+    std::size_t start = newline == std::string::npos ? 0 : newline + 1;
+    return text.substr(start, end + 1 - start);
+}
 
 }  // namespace
 
@@ -58,47 +36,21 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, int outputFd) {
     programName_ = lastComponentOf(argv[0]);
     capture_.reset(::memfd_create("whittle-diskimage-capture", MFD_CLOEXEC));
     if (!capture_.valid()) throwSystemError("cannot capture the output of " + programName_, errno);
-
-    SpawnActions actions;
-    posix_spawn_file_actions_addopen(actions.get(), 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(actions.get(), outputFd >= 0 ? outputFd : capture_.get(), 1);
-    posix_spawn_file_actions_adddup2(actions.get(), capture_.get(), 2);
-
-    std::vector<char*> arguments;
-    for (const auto& argument : argv) arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    SpawnAttributes attributes;
-    int error = 0;
-    {
-        StopSignalsBlocked blocked;  // no stop between starting the child and registering it
-        error = ::posix_spawn(&pid_, argv[0].c_str(), actions.get(), attributes.get(), arguments.data(), environ);
-        if (error == 0) killOnStop(pid_);
-    }
-    if (error != 0) {
-        pid_ = -1;
-        throwSystemError("cannot run " + argv[0], error);
-    }
+    helper::ChildStreams streams;
+    streams.output = outputFd >= 0 ? outputFd : capture_.get();
+    streams.errors = capture_.get();
+    pid_ = helper::startChild(argv, streams);
+    if (pid_ < 0) throwSystemError("cannot run " + argv[0], errno);
 }
 
 ChildProcess::~ChildProcess() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        wait();
-    }
+    if (pid_ > 0) helper::killChild(pid_);
 }
 
 int ChildProcess::wait() {
     if (pid_ <= 0) return status_;
-    int raw = 0;
-    while (::waitpid(pid_, &raw, 0) < 0) {
-        if (errno != EINTR) {
-            raw = 0;
-            break;
-        }
-    }
-    forgetOnStop(pid_);
+    status_ = helper::waitForChild(pid_);
     pid_ = -1;
-    status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
     return status_;
 }
 
@@ -126,6 +78,15 @@ std::string ChildProcess::messageTail() const {
     std::string tail = text.substr(start);
     while (!tail.empty() && (tail.front() == '\n' || tail.front() == '\r')) tail.erase(0, 1);
     return tail;
+}
+
+std::string ChildProcess::failureReason() const {
+    std::string text = capturedText();
+    if (text.find(kXorrisoFullDisk) != std::string::npos) return std::strerror(ENOSPC);
+    for (int reason : kReasonsToLookFor)
+        if (text.find(std::strerror(reason)) != std::string::npos) return std::strerror(reason);
+    std::string last = lastLineOf(text);
+    return last.empty() ? programName_ + " ended with status " + std::to_string(status_) : programName_ + ": " + last;
 }
 
 ProcessResult runToCompletion(const std::vector<std::string>& argv) {

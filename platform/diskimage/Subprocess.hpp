@@ -1,5 +1,6 @@
 // Running the external programs (7zz, xorriso): started by full path, standard input
-// from /dev/null, their messages captured in memory.
+// from /dev/null, their messages captured in memory. Each runs in a process group of
+// its own and dies with the tool (see platform/helper/ChildProcesses.hpp).
 #pragma once
 
 #include <sys/types.h>
@@ -27,6 +28,9 @@ public:
     std::string capturedText() const;
     // The last lines of that, for a message.
     std::string messageTail() const;
+    // One line for a message: the system's reason for the failure when the child's
+    // messages name one, otherwise the child's last line.
+    std::string failureReason() const;
     const std::string& programName() const { return programName_; }
 
 private:

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/diskimage/DiskImageError.hpp"
+#include "platform/diskimage/StopCleanup.hpp"
 #include "support/FileSystem.hpp"
 #include "support/PlistCodec.hpp"
 
@@ -31,6 +32,9 @@ constexpr std::string_view kKeyImageKey = "image-key";
 constexpr std::string_view kKeyImagePath = "image-path";
 constexpr std::string_view kKeyMountPoint = "mount-point";
 constexpr std::string_view kKeySystemEntities = "system-entities";
+constexpr std::string_view kKeyOwners = "owners";
+constexpr std::string_view kKeyOwnerPid = "pid";
+constexpr std::string_view kKeyOwnerStartTime = "start-time";
 
 void makeFolder(const std::string& path) {
     std::error_code error;
@@ -84,7 +88,37 @@ std::optional<pid_t> ownerOfWorkFolder(std::string_view name) {
     return pid;
 }
 
+Value ownersValue(const std::vector<helper::ProcessIdentity>& owners) {
+    Value list = Value::array();
+    for (const auto& owner : owners) {
+        Value entry = Value::dictionary();
+        entry.set(kKeyOwnerPid, Value::integer(owner.pid));
+        entry.set(kKeyOwnerStartTime, Value::integer(static_cast<std::int64_t>(owner.startTime)));
+        list.append(entry);
+    }
+    return list;
+}
+
+// Entries that are not a pid with a start time are passed over.
+std::vector<helper::ProcessIdentity> ownersOf(const Value& list) {
+    std::vector<helper::ProcessIdentity> owners;
+    for (const Value& entry : list.elements()) {
+        const std::int64_t* pid = entry.get(kKeyOwnerPid).asInteger();
+        const std::int64_t* startTime = entry.get(kKeyOwnerStartTime).asInteger();
+        if (pid && startTime && *pid > 0 && *startTime >= 0)
+            owners.push_back({static_cast<pid_t>(*pid), static_cast<unsigned long long>(*startTime)});
+    }
+    return owners;
+}
+
 }  // namespace
+
+bool AttachmentRecord::outlivedItsOwners() const {
+    if (owners.empty()) return false;
+    for (const auto& owner : owners)
+        if (helper::isRunning(owner)) return false;
+    return true;
+}
 
 VolumeRegistry::VolumeRegistry(const std::string& volumesFolder, Missing missing) {
     if (missing == Missing::Create) makeFolder(volumesFolder);
@@ -120,6 +154,7 @@ std::optional<AttachmentRecord> VolumeRegistry::load(int diskNumber) const {
     record.mountPoint = std::string(root.get(kKeyMountPoint).text());
     record.systemEntities = root.get(kKeySystemEntities);
     if (!record.systemEntities.isArray()) return std::nullopt;
+    record.owners = ownersOf(root.get(kKeyOwners));
     return record;
 }
 
@@ -135,6 +170,20 @@ std::optional<AttachmentRecord> VolumeRegistry::findByImage(const std::string& i
 
 std::optional<AttachmentRecord> VolumeRegistry::findByDisk(int diskNumber) const { return load(diskNumber); }
 
+std::vector<AttachmentRecord> VolumeRegistry::allRecords() const {
+    std::vector<AttachmentRecord> records;
+    for (int number : recordedDiskNumbers(stateFolder_)) {
+        auto record = load(number);
+        if (!record) continue;
+        if (isFolder(record->mountPoint)) {
+            records.push_back(std::move(*record));
+        } else {
+            forget(number);  // its folder was removed behind our back
+        }
+    }
+    return records;
+}
+
 int VolumeRegistry::unusedDiskNumber() const {
     std::vector<int> used = recordedDiskNumbers(stateFolder_);
     for (int candidate = 1;; ++candidate) {
@@ -144,13 +193,14 @@ int VolumeRegistry::unusedDiskNumber() const {
     }
 }
 
-std::string VolumeRegistry::unusedMountPoint(const std::string& volumeName) const {
+std::string VolumeRegistry::unusedMountPoint(const std::string& volumeName,
+                                             const std::set<std::string>& namesToAvoid) const {
     std::string name = volumeName;
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) name = "untitled";
     for (int suffix = 0; suffix < kMostMountPointSuffixes; ++suffix) {
         std::string candidate = volumesFolder_ + "/" + name;
         if (suffix > 0) candidate += ' ' + std::to_string(suffix);
-        if (!exists(candidate)) return candidate;
+        if (!exists(candidate) && !namesToAvoid.contains(lastComponentOf(candidate))) return candidate;
     }
     throw DiskImageError("no free name for a volume called \"" + volumeName + "\"");
 }
@@ -162,6 +212,7 @@ void VolumeRegistry::save(const AttachmentRecord& record) const {
     root.set(kKeyImagePath, Value::string(record.imagePath));
     root.set(kKeyMountPoint, Value::string(record.mountPoint));
     root.set(kKeySystemEntities, record.systemEntities);
+    if (!record.owners.empty()) root.set(kKeyOwners, ownersValue(record.owners));
     std::string error;
     if (!writeFileAtomically(recordPath(record.diskNumber), xmlPropertyList(root), error))
         throw DiskImageError("cannot record the attachment: " + error);
@@ -173,7 +224,12 @@ std::string VolumeRegistry::makeWorkFolder(const std::string& purpose) const {
     std::string pattern = stateFolder_ + "/" + purpose + "." + std::to_string(::getpid()) + ".XXXXXX";
     std::vector<char> buffer(pattern.begin(), pattern.end());
     buffer.push_back('\0');
-    if (!::mkdtemp(buffer.data())) throwSystemError("cannot create a work folder in \"" + stateFolder_ + "\"", errno);
+    StopSignalsBlocked blocked;  // no stop between making the folder and registering it
+    if (!::mkdtemp(buffer.data())) {
+        int error = errno;
+        throwSystemError("cannot create a work folder in \"" + stateFolder_ + "\"", error);
+    }
+    removeOnStop(buffer.data());
     return buffer.data();
 }
 

@@ -3,9 +3,12 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "platform/diskimage/FileIo.hpp"
+#include "platform/helper/ProcessInfo.hpp"
 #include "support/Value.hpp"
 
 namespace whittle::diskimage {
@@ -16,6 +19,11 @@ struct AttachmentRecord {
     std::string imagePath;  // for people reading the record
     std::string mountPoint;
     Value systemEntities;  // the attach output's array, answered again on re-attach
+    // The runs that attached it and use it. None recorded: it was attached by hand and
+    // stays until ejected; otherwise it stays while one of them runs.
+    std::vector<helper::ProcessIdentity> owners;
+
+    bool outlivedItsOwners() const;
 };
 
 class VolumeRegistry {
@@ -42,14 +50,18 @@ public:
     // gone is dropped. Call with the lock held.
     std::optional<AttachmentRecord> findByImage(const std::string& imageKey) const;
     std::optional<AttachmentRecord> findByDisk(int diskNumber) const;
+    // Every record whose mount point is still there. Call with the lock held.
+    std::vector<AttachmentRecord> allRecords() const;
     int unusedDiskNumber() const;
-    // "<volumes>/<name>", or "<volumes>/<name> 1", ... whichever does not exist yet.
-    std::string unusedMountPoint(const std::string& volumeName) const;
+    // "<volumes>/<name>", or "<volumes>/<name> 1", ... whichever does not exist yet and
+    // is not one of the names to avoid.
+    std::string unusedMountPoint(const std::string& volumeName, const std::set<std::string>& namesToAvoid = {}) const;
     void save(const AttachmentRecord& record) const;
     void forget(int diskNumber) const;
 
     // A new private folder inside the state folder, for work in progress; its name
-    // carries the process id, so that what a stopped run left behind can be found.
+    // carries the process id, so that what a stopped run left behind can be found. It
+    // is removed if the tool is stopped, until keepOnStop() is called for it.
     std::string makeWorkFolder(const std::string& purpose) const;
     // Removes the work folders of runs that are no longer running. Call with the lock held.
     void removeAbandonedWork() const;

@@ -5,8 +5,10 @@
 #include <vector>
 
 #include "platform/diskimage/DiskImageTool.hpp"
+#include "platform/helper/StopCleanup.hpp"
 
 int main(int argc, char** argv) {
+    whittle::helper::tieToCaller();
     whittle::diskimage::ToolSettings settings{WHITTLE_VOLUMES_DIR, WHITTLE_SEVEN_ZIP, WHITTLE_XORRISO};
     std::vector<std::string> arguments(argv + 1, argv + argc);
     return whittle::diskimage::runDiskImageTool(arguments, settings, whittle::diskimage::readPassphraseFromTerminal,
