@@ -84,17 +84,36 @@ struct Compressed {
     bool stored = false;  // bytes are the input itself
 };
 
-std::string readRange(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path) {
-    std::string bytes(static_cast<std::size_t>(length), '\0');
+// A buffer that keeps its memory from one piece of work to the next, and is not
+// cleared before it is filled.
+class Scratch {
+public:
+    char* reserve(std::size_t length) {
+        if (length > capacity_) {
+            bytes_ = std::make_unique_for_overwrite<char[]>(length);
+            capacity_ = length;
+        }
+        return bytes_.get();
+    }
+
+private:
+    std::unique_ptr<char[]> bytes_;
+    std::size_t capacity_ = 0;
+};
+
+// Reads length bytes at offset into the thread's input buffer.
+std::string_view readRange(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path) {
+    thread_local Scratch input;
+    char* bytes = input.reserve(static_cast<std::size_t>(length));
     std::size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t got = ::pread(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(offset + done));
+    while (done < length) {
+        ssize_t got = ::pread(fd, bytes + done, length - done, static_cast<off_t>(offset + done));
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) failOn(path, "read", errno);
         if (got == 0) throw CopyError("\"" + path + "\" shrank while it was being archived");
         done += static_cast<std::size_t>(got);
     }
-    return bytes;
+    return {bytes, static_cast<std::size_t>(length)};
 }
 
 struct CompressorFree {
@@ -102,44 +121,47 @@ struct CompressorFree {
 };
 
 // A whole file: deflated, or stored when deflating does not make it smaller.
-Compressed compressWhole(std::string input) {
+Compressed compressWhole(std::string_view input) {
     thread_local std::unique_ptr<libdeflate_compressor, CompressorFree> compressor(
         libdeflate_alloc_compressor(kCompressionLevel));
+    thread_local Scratch output;
     if (!compressor) throw std::bad_alloc();
     Compressed result;
     result.inputLength = input.size();
     result.crc = libdeflate_crc32(0, input.data(), input.size());
     if (!input.empty()) {
-        result.bytes.resize(libdeflate_deflate_compress_bound(compressor.get(), input.size()));
-        std::size_t length = libdeflate_deflate_compress(compressor.get(), input.data(), input.size(),
-                                                         result.bytes.data(), result.bytes.size());
+        std::size_t bound = libdeflate_deflate_compress_bound(compressor.get(), input.size());
+        char* compressed = output.reserve(bound);
+        std::size_t length = libdeflate_deflate_compress(compressor.get(), input.data(), input.size(), compressed, bound);
         if (length != 0 && length < input.size()) {
-            result.bytes.resize(length);
+            result.bytes.assign(compressed, length);
             return result;
         }
     }
-    result.bytes = std::move(input);
+    result.bytes.assign(input);
     result.stored = true;
     return result;
 }
 
 // One part of a large file, as raw deflate data that the next part continues: every
 // part but the last ends with a flush to a byte boundary, the last ends the stream.
-Compressed compressPart(const std::string& input, bool last) {
+Compressed compressPart(std::string_view input, bool last) {
     z_stream stream{};
     if (deflateInit2(&stream, kCompressionLevel, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) != Z_OK)
         throw std::bad_alloc();
     Compressed result;
     result.inputLength = input.size();
     result.crc = static_cast<std::uint32_t>(crc32_z(0, reinterpret_cast<const Bytef*>(input.data()), input.size()));
-    result.bytes.resize(deflateBound(&stream, static_cast<uLong>(input.size())) + 16);
+    thread_local Scratch output;
+    std::size_t bound = deflateBound(&stream, static_cast<uLong>(input.size())) + 16;
+    char* compressed = output.reserve(bound);
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
     stream.avail_in = static_cast<uInt>(input.size());
-    stream.next_out = reinterpret_cast<Bytef*>(result.bytes.data());
-    stream.avail_out = static_cast<uInt>(result.bytes.size());
+    stream.next_out = reinterpret_cast<Bytef*>(compressed);
+    stream.avail_out = static_cast<uInt>(bound);
     int status = deflate(&stream, last ? Z_FINISH : Z_SYNC_FLUSH);
     bool complete = last ? status == Z_STREAM_END : (status == Z_OK && stream.avail_in == 0);
-    result.bytes.resize(stream.total_out);
+    result.bytes.assign(compressed, stream.total_out);
     deflateEnd(&stream);
     if (!complete) throw CopyError("cannot compress data for the archive");
     return result;
