@@ -101,10 +101,13 @@ std::string headerNode(const std::vector<Level>& levels, std::size_t leafRecords
 
 }  // namespace
 
-std::string buildBTree(const std::vector<BTreeRecord>& records, const BTreeShape& shape) {
+std::string buildBTree(std::vector<BTreeRecord> records, const BTreeShape& shape) {
     std::vector<std::string> leafRecords;
     leafRecords.reserve(records.size());
-    for (const BTreeRecord& record : records) leafRecords.push_back(record.key + record.data);
+    for (BTreeRecord& record : records) {
+        leafRecords.push_back(record.key + record.data);
+        std::string().swap(record.data);  // only the keys are needed from here on
+    }
 
     // Levels from the leaves up; each index record is the first key of a node below.
     std::vector<Level> levels;

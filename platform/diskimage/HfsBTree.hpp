@@ -21,6 +21,6 @@ struct BTreeShape {
 
 // The tree file: a whole number of nodes of format::hfs::kNodeSize bytes, none free.
 // Throws DiskImageError when the records need more nodes than one header node maps.
-std::string buildBTree(const std::vector<BTreeRecord>& records, const BTreeShape& shape);
+std::string buildBTree(std::vector<BTreeRecord> records, const BTreeShape& shape);
 
 }  // namespace whittle::diskimage
