@@ -37,6 +37,8 @@ namespace {
 
 constexpr const char* kPassedColours = "\x1b[37m\x1b[42m";
 constexpr const char* kFailedColours = "\x1b[37m\x1b[41m";
+// 2100-01-01 00:00:00 UTC.
+constexpr timespec kUnchangingAccessTime{4102444800, 0};
 
 std::unique_ptr<Stripper> createEngine(const RunRequest& request) {
     return stripperClass().stripperForPath(*request.source, request.products, request.factoryVariants,
@@ -118,7 +120,7 @@ private:
     int writeFolderTarget(Stripper& engine);
     int makeTemporaryFolder();
     int moveStagedTargetIntoPlace();
-    int applyModifiedFilesTo(Stripper& engine, const std::string& folder);
+    int applyModifiedFilesTo(Stripper& engine, const std::string& folder, std::optional<timespec> accessTime = std::nullopt);
     std::string temporaryFolder() const;
     std::string temporaryBundleFolder() const;
     void noteInterruption();
@@ -419,10 +421,12 @@ int Run::makeTemporaryFolder() {
     return 1;
 }
 
-int Run::applyModifiedFilesTo(Stripper& engine, const std::string& folder) {
+int Run::applyModifiedFilesTo(Stripper& engine, const std::string& folder, std::optional<timespec> accessTime) {
     Value modified = engine.modifiedFiles();
     int status = applyModifiedFiles(modified, folder, boolForKey(request_.stripOptions, "noSymLinks"));
-    if (status == 0) settleTimesOfModifiedFiles(modified, folder, BundleFiles(std::string(engine.bundleRoot().text())));
+    if (status == 0) {
+        settleTimesOfModifiedFiles(modified, folder, BundleFiles(std::string(engine.bundleRoot().text())), accessTime);
+    }
     return status;
 }
 
@@ -453,7 +457,9 @@ int Run::writeZipTarget(Stripper& engine) {
     std::string bundleFolder = temporaryBundleFolder();
     std::error_code ignored;
     std::filesystem::create_directories(bundleFolder, ignored);
-    if ((status = applyModifiedFilesTo(engine, bundleFolder)) != 0) return status;
+    // zip records access times too; these lie beyond the point where reading the files
+    // would update them, so that every run records the same.
+    if ((status = applyModifiedFilesTo(engine, bundleFolder, kUnchangingAccessTime)) != 0) return status;
     if (!std::filesystem::is_empty(bundleFolder, ignored)) {
         status = runPlatformTool(zipToolPath(), {"-rvy", stagedTarget_, "."}, nullptr, bundleFolder.c_str());
         if (status != 0) {

@@ -150,12 +150,13 @@ int applyModifiedFiles(const Value& modifiedFiles, const std::string& destinatio
     return result;
 }
 
-void settleTimesOfModifiedFiles(const Value& modifiedFiles, const std::string& destination, const BundleFiles& source) {
+void settleTimesOfModifiedFiles(const Value& modifiedFiles, const std::string& destination, const BundleFiles& source,
+                                std::optional<timespec> accessTime) {
     const auto* entries = modifiedFiles.asDictionary();
     auto manifestTime = source.modificationTime(kBuildManifest);
     if (!entries || !manifestTime) return;
-    auto setTime = [&destination](const std::string& relative, const timespec& time) {
-        timespec times[2] = {time, time};
+    auto setTime = [&destination, accessTime](const std::string& relative, const timespec& time) {
+        timespec times[2] = {accessTime.value_or(time), time};
         std::string path = relative.empty() ? destination : destination + "/" + relative;
         ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
     };

@@ -2,6 +2,8 @@
 // copy of the bundle through that BOM, and the modified files written over a copy.
 #pragma once
 
+#include <ctime>
+#include <optional>
 #include <string>
 
 #include "engine/Stripper.hpp"
@@ -30,7 +32,9 @@ class BundleFiles;
 // Gives the written files (and the folders that writing them changed) times that come
 // from the source, so that the same run always writes the same target: each written
 // file takes the time of the source's "Restore/BuildManifest.plist", each folder its
-// own time in the source, or that time when the source has no such folder.
-void settleTimesOfModifiedFiles(const Value& modifiedFiles, const std::string& destination, const BundleFiles& source);
+// own time in the source, or that time when the source has no such folder. Access
+// times are the same, or the fixed time given.
+void settleTimesOfModifiedFiles(const Value& modifiedFiles, const std::string& destination, const BundleFiles& source,
+                                std::optional<timespec> accessTime = std::nullopt);
 
 }  // namespace whittle

@@ -3,7 +3,9 @@
 // cannot be written, text that is not UTF-8, and tools that cannot be found.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "BundleGenerator.hpp"
 #include "TestSupport.hpp"
@@ -142,6 +144,32 @@ TEST_F(WhittleReliability, HelperThatCannotBeFoundIsNamedWithThePathLookedAt) {
     EXPECT_NE(run.status, 0);
     EXPECT_TRUE(contains(run.out, "XXX ERROR: unable to create BOM.\n!!! NOTE: cannot start \"whittle-bom\" at \"")) << run.out;
     EXPECT_TRUE(contains(run.out, "\" - No such file or directory.")) << run.out;
+}
+
+}  // namespace
+
+namespace {
+
+std::string bytesOf(const std::string& path) { return readFile(path); }
+
+class WhittleReproducible : public WhittleReliability {};
+
+TEST_F(WhittleReproducible, EachTargetKindIsByteIdenticalWhenWrittenAgainElsewhere) {
+    fs::create_directories(dir / "first");
+    fs::create_directories(dir / "second");
+    for (std::string name : {"out.zip", "out.dmg", "out.bom"}) {
+        SCOPED_TRACE(name);
+        // The same command (the cookie records it) run in two folders.
+        ProgramResult first = whittle({source(), name}, dir / "first");
+        ASSERT_EQ(first.status, 0) << first.out;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+        ProgramResult second = whittle({source(), name}, dir / "second");
+        ASSERT_EQ(second.status, 0) << second.out;
+        std::string a = bytesOf(dir / ("first/" + name));
+        std::string b = bytesOf(dir / ("second/" + name));
+        EXPECT_EQ(a.size(), b.size());
+        EXPECT_TRUE(a == b) << "the two " << name << " targets differ";
+    }
 }
 
 }  // namespace
