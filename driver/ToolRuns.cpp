@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "driver/CommandLine.hpp"
-#include "driver/Interrupts.hpp"
 #include "support/FileSystem.hpp"
 #include "support/LogObject.hpp"
 #include "tools/TaskHelper.hpp"
@@ -41,7 +40,6 @@ std::vector<std::string> nonEmptyLinesOf(const std::string& text) {
 int runPlatformTool(const std::string& path, const std::vector<std::string>& arguments, std::string* standardOutput,
                     const char* workingDirectory) {
     lastOutcome = ToolOutcome{path, {}, 0};
-    if (interrupted()) return 128 + stopSignal();
     return runTool(path.c_str(), &arguments, workingDirectory, standardOutput, &lastOutcome.standardError,
                    verboseMode == 1, &lastOutcome.launchError);
 }

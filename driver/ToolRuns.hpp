@@ -7,8 +7,7 @@
 namespace whittle {
 
 // Runs the tool through runTool with the verbose flag of the command line. Answers
-// the tool's status; once the run has been interrupted, nothing more is started and
-// the answer is the interrupted status.
+// the tool's status (a tool started after a stop signal is stopped at once).
 int runPlatformTool(const std::string& path, const std::vector<std::string>& arguments,
                     std::string* standardOutput = nullptr, const char* workingDirectory = nullptr);
 

@@ -276,3 +276,39 @@ TEST_F(WhittleOnSmallFileSystems, ReadOnlyFileSystemFailsWithTheReasonAndLeavesN
 }
 
 }  // namespace
+
+namespace {
+
+// ---- a disk-image source ----
+
+TEST(WhittleStoppedWithImageSource, TheImageThisRunAttachedIsEjected) {
+    TempDir dir;
+    std::string volumeName = "stopped" + std::to_string(::getpid());
+    bundlegen::BundlePlan plan;
+    plan.products = {{"x10", true, false, {"repair"}, 1, true}};
+    plan.bytesPerFile = 20'000'000;
+    bundlegen::generateBundle(dir / volumeName, plan);
+    std::string image = dir / "source.dmg";
+    auto created = runProgram({WHITTLE_DISKIMAGE_BINARY, "create", "-srcfolder", dir / volumeName, image, "-format", "UDRO"});
+    ASSERT_EQ(created.status, 0) << created.err;
+    std::string volume = std::string(WHITTLE_TEST_VOLUMES_DIR) + "/" + volumeName;
+
+    for (int moment : {300, 700, 1200, 2000}) {
+        SCOPED_TRACE("stopped after " + std::to_string(moment) + " ms");
+        RunOptions options;
+        options.environment = {{"XDG_DATA_HOME", dir / "data"}};
+        options.signalNumber = SIGINT;
+        options.signalAfterMilliseconds = moment;
+        options.signalProcessGroup = true;
+        ProgramResult stopped = runWhittle({image, dir / "out", "--product", "x10", "--factory", "repair"}, options);
+        EXPECT_TRUE(noProcessLeftMentioning(dir.path()));
+        EXPECT_FALSE(pathExists(volume)) << "the volume stays attached after: " << stopped.out;
+        if (stopped.status != 0) {
+            EXPECT_FALSE(pathExists(dir / "out"));
+        }
+        removeTree(dir / "out");
+        removeTree(dir / "data");
+    }
+}
+
+}  // namespace
