@@ -1,6 +1,5 @@
 #include "driver/Leftovers.hpp"
 
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -54,15 +53,6 @@ bool isLiveRun(int processId) {
     return !name || name->starts_with("whittle");
 }
 
-std::vector<std::string> namesIn(const std::string& folder) {
-    std::vector<std::string> names;
-    if (DIR* listing = ::opendir(folder.c_str())) {
-        while (const dirent* entry = ::readdir(listing)) names.emplace_back(entry->d_name);
-        ::closedir(listing);
-    }
-    return names;
-}
-
 void clearLeftover(const std::string& path) {
     std::string error;
     if (moveToTrash(path, error)) {
@@ -86,7 +76,7 @@ std::string temporaryFolderFor(const std::string& absoluteTarget, int processId)
 }
 
 void clearLeftoversOfEndedRuns(const std::string& folder) {
-    for (const auto& name : namesIn(folder)) {
+    for (const auto& name : namesInFolder(folder)) {
         auto owner = ownerOf(name);
         if (owner && !isLiveRun(*owner)) clearLeftover(joinFolderAndName(folder, name));
     }

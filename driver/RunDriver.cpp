@@ -1,6 +1,5 @@
 #include "driver/RunDriver.hpp"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -73,15 +72,6 @@ Value arrayOrEmpty(const Value& value) { return value.isArray() ? value : Value:
 bool itemExists(const std::string& path) {
     struct stat info {};
     return ::lstat(path.c_str(), &info) == 0;
-}
-
-std::set<std::string> namesIn(const std::string& folder) {
-    std::set<std::string> names;
-    if (DIR* listing = ::opendir(folder.c_str())) {
-        while (const dirent* entry = ::readdir(listing)) names.insert(entry->d_name);
-        ::closedir(listing);
-    }
-    return names;
 }
 
 std::string trimmedOfLineEnds(std::string text) {
@@ -184,7 +174,8 @@ void Run::reportMissingRestoreFolder() {
 Run::Next Run::mountSource() {
     std::string& source = *request_.source;
     if (!equalsIgnoringCase(pathExtension(source), "dmg")) return Next::Continue;
-    std::set<std::string> mountedBefore = namesIn(volumesFolder());
+    auto namesBefore = namesInFolder(volumesFolder());
+    std::set<std::string> mountedBefore(namesBefore.begin(), namesBefore.end());
     Log(">>> mounting disk image \"%s\".", source);
     std::vector<std::string> arguments{"attach", source, "-plist"};
     if (request_.validVariantsMode) arguments.push_back("-noverify");

@@ -1,5 +1,6 @@
 #include "support/FileSystem.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -125,6 +126,15 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, std::s
     error = std::strerror(savedErrno);
     ::unlink(temporary.c_str());
     return false;
+}
+
+std::vector<std::string> namesInFolder(const std::string& folder) {
+    std::vector<std::string> names;
+    if (DIR* listing = ::opendir(folder.c_str())) {
+        while (const dirent* entry = ::readdir(listing)) names.emplace_back(entry->d_name);
+        ::closedir(listing);
+    }
+    return names;
 }
 
 std::string lastPathComponent(std::string_view path) {

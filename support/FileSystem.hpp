@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace whittle {
 
@@ -26,6 +27,10 @@ int standardOutputError();
 // that readers see the old content or the new, never a part. On failure returns
 // false and sets the error's description, and nothing is left behind.
 bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string& error);
+
+// The names in a folder, "." and ".." included, in the order the system gives them;
+// none for a folder that cannot be read.
+std::vector<std::string> namesInFolder(const std::string& folder);
 
 // The last path component ("a/b/c.txt" -> "c.txt"; trailing slashes ignored).
 std::string lastPathComponent(std::string_view path);

@@ -149,8 +149,8 @@ void FileImageOutput::write(std::string_view bytes) {
     position_ += bytes.size();
 }
 
-std::uint32_t FileImageOutput::copyThroughBuffer(int fd, std::uint64_t offset, std::uint64_t length,
-                                                 const std::string& path) {
+std::uint32_t ImageOutput::copyThroughBuffer(int fd, std::uint64_t offset, std::uint64_t length,
+                                             const std::string& path) {
     std::uint32_t crc = 0;
     readInPieces(fd, offset, length, path, [&](std::string_view piece) {
         crc = crc32Update(crc, piece);
@@ -191,12 +191,7 @@ void EncryptedImageOutput::write(std::string_view bytes) {
 
 std::uint32_t EncryptedImageOutput::copyFrom(int fd, std::uint64_t offset, std::uint64_t length,
                                              const std::string& path) {
-    std::uint32_t crc = 0;
-    readInPieces(fd, offset, length, path, [&](std::string_view piece) {
-        crc = crc32Update(crc, piece);
-        write(piece);
-    });
-    return crc;
+    return copyThroughBuffer(fd, offset, length, path);
 }
 
 // ---- the image ----

@@ -23,6 +23,8 @@ public:
     std::uint64_t position() const { return position_; }
 
 protected:
+    // copyFrom by reading the file in pieces and writing each.
+    std::uint32_t copyThroughBuffer(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path);
     std::uint64_t position_ = 0;
 };
 
@@ -35,7 +37,6 @@ public:
     std::uint32_t copyFrom(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path) override;
 
 private:
-    std::uint32_t copyThroughBuffer(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path);
     int fd_;
     std::string path_;
 };
