@@ -311,4 +311,39 @@ TEST(WhittleStoppedWithImageSource, TheImageThisRunAttachedIsEjected) {
     }
 }
 
+TEST(WhittleStoppedWithImageSource, AVolumeLeftByAKilledRunIsAttachedAfreshAndEjected) {
+    TempDir dir;
+    std::string volumeName = "killed" + std::to_string(::getpid());
+    bundlegen::BundlePlan plan;
+    plan.products = {{"x10", true, false, {"repair"}, 1, true}};
+    plan.bytesPerFile = 20'000'000;
+    bundlegen::generateBundle(dir / volumeName, plan);
+    std::string image = dir / "source.dmg";
+    auto created = runProgram({WHITTLE_DISKIMAGE_BINARY, "create", "-srcfolder", dir / volumeName, image, "-format", "UDRO"});
+    ASSERT_EQ(created.status, 0) << created.err;
+    std::string volume = std::string(WHITTLE_TEST_VOLUMES_DIR) + "/" + volumeName;
+
+    // Killed once the volume is attached, before it could eject it.
+    RunOptions options;
+    options.environment = {{"XDG_DATA_HOME", dir / "data"}};
+    bool leftAttached = false;
+    for (int moment : {1200, 1600, 2200, 3000}) {
+        options.signalNumber = SIGKILL;
+        options.signalAfterMilliseconds = moment;
+        ProgramResult killed = runWhittle({image, dir / "out", "--product", "x10", "--factory", "repair"}, options);
+        EXPECT_TRUE(noProcessLeftMentioning(dir.path()));
+        removeTree(dir / "out");
+        leftAttached = pathExists(volume);
+        if (leftAttached) break;
+    }
+    ASSERT_TRUE(leftAttached) << "no moment found at which the killed run held the volume";
+
+    options.signalNumber = 0;
+    ProgramResult next = runWhittle({image, "--product", "x10", "--factory", "repair"}, options);
+    EXPECT_EQ(next.status, 0) << next.out;
+    EXPECT_TRUE(contains(next.out, "!!! NOTE: image mounted at: ")) << next.out;
+    EXPECT_FALSE(contains(next.out, "previously mounted")) << next.out;
+    EXPECT_FALSE(pathExists(volume));
+}
+
 }  // namespace
