@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace whittle {
@@ -18,18 +20,23 @@ namespace {
 //
 // The library frees its trees recursively, replaces repeated dictionary keys by freeing
 // the old subtree, and expands every reference of a binary list into a copy of its own;
-// it also asserts that a dictionary key holds no NUL. So nesting, expansion and keys are
-// judged on the bytes first, by the library's own reading rules, and a list that fails
-// is turned away like any other unreadable one.
+// it also asserts that a dictionary key holds no NUL, and files the keys of a large XML
+// dictionary in a hash table of 4096 chains, which keys made to collide turn into one
+// long list. So nesting, expansion and keys are judged on the bytes first, by the
+// library's own reading rules, and a list that fails is turned away like any other
+// unreadable one.
 
 // Follows the library's reading of an XML property list token by token, as far as it
-// would read, and answers the deepest nesting of containers it would build. Where the
-// library would stop with an error the walk stops too: what the library built up to
-// that point is all it ever frees.
-class XmlNestingWalk {
+// would read: the deepest nesting of containers it would build, and what finding its
+// dictionaries' keys would cost it. Where the library would stop with an error the
+// walk stops too: what the library built up to that point is all it ever frees.
+class XmlListWalk {
 public:
-    explicit XmlNestingWalk(std::string_view bytes) : pos_(bytes.data()), end_(bytes.data() + bytes.size()) {}
+    explicit XmlListWalk(std::string_view bytes)
+        : pos_(bytes.data()), end_(bytes.data() + bytes.size()),
+          keyLookupBudget_(kKeyLookupAllowance + kKeyLookupPerByte * bytes.size()) {}
 
+    // Answers the deepest nesting; keysTooCostly() tells about the keys afterwards.
     int deepestNesting() {
         while (pos_ < end_) {
             skipWhitespace();
@@ -43,8 +50,26 @@ public:
         return deepest_;
     }
 
+    bool keysTooCostly() const { return keyLookupCost_ > keyLookupBudget_; }
+
 private:
     enum class Open : char { PlistTag, Dict, Array };
+
+    // The library scans a dictionary's first entries one by one when it adds a key, and
+    // then files them by hash: from then on each key added walks its chain twice.
+    static constexpr std::uint64_t kEntriesScanned = 250;
+    static constexpr std::uint32_t kChains = 4096;
+    static constexpr std::uint64_t kKeyLookupAllowance = std::uint64_t{64} << 20;  // bytes compared
+    static constexpr std::uint64_t kKeyLookupPerByte = 64;
+    struct KeyLoad {
+        std::uint64_t entries = 0;
+        std::vector<std::uint32_t> chainOfEntry;  // of the entries scanned one by one
+        std::vector<std::uint32_t> chainLengths;  // once the entries are filed by hash
+    };
+    struct Parent {
+        Open kind;
+        KeyLoad keys;
+    };
 
     std::size_t left() const { return static_cast<std::size_t>(end_ - pos_); }
     bool at(std::string_view text) const { return left() >= text.size() && std::string_view(pos_, text.size()) == text; }
@@ -109,24 +134,33 @@ private:
         return true;
     }
 
-    // The text of a leaf element up to its closing tag, comments and CDATA included.
-    bool skipLeafContent(std::string_view tag, bool skipLeadingWhitespace) {
+    // The text of a leaf element up to its closing tag, comments and CDATA included;
+    // with text, also the content the library would make of it.
+    bool skipLeafContent(std::string_view tag, bool skipLeadingWhitespace, std::string* text) {
         if (skipLeadingWhitespace) skipWhitespace();
+        const char* partStart = nullptr;
+        const char* partEnd = nullptr;
         for (;;) {
+            partStart = pos_;
             findChar('<');
+            partEnd = pos_;
             if (pos_ >= end_ || ++pos_ >= end_) return false;
             if (*pos_ == '/') break;
             if (*pos_ != '!' || ++pos_ >= end_ - 1) return false;
+            if (text && !appendUnescaped(*text, partStart, partEnd)) return false;
             if (at("--")) {
                 pos_ += 2;
                 if (!skipPast("-->", false)) return false;
             } else if (*pos_ == '[' && left() > 9 && std::string_view(pos_ + 1, 6) == "CDATA[") {
                 pos_ += 7;
+                const char* cdata = pos_;
                 if (!skipPast("]]>", false)) return false;
+                if (text) text->append(cdata, static_cast<std::size_t>(pos_ - 3 - cdata));
             } else {
                 return false;
             }
         }
+        if (text && !appendUnescaped(*text, partStart, partEnd)) return false;
         ++pos_;
         if (left() <= tag.size() || !at(tag)) return false;
         pos_ += tag.size();
@@ -166,8 +200,14 @@ private:
     bool readLeaf(std::string_view tag, bool empty) {
         static constexpr std::string_view kLeaves[] = {"integer", "real", "true", "false", "string", "key", "data", "date"};
         if (std::find(std::begin(kLeaves), std::end(kLeaves), tag) == std::end(kLeaves)) return false;
-        if (!empty && !skipLeafContent(tag, tag != "string" && tag != "key")) return false;
-        return haveRoot_;  // a leaf at the top is the whole list
+        // A key inside a dictionary names the next element rather than being one.
+        bool namesEntry = tag == "key" && !empty && haveRoot_ && !pendingKey_ && parents_.back().kind == Open::Dict;
+        std::string key;
+        if (!empty && !skipLeafContent(tag, tag != "string" && tag != "key", namesEntry ? &key : nullptr)) return false;
+        if (!haveRoot_) return false;  // a leaf at the top is the whole list
+        if (!namesEntry) return joinParent();
+        pendingKey_ = std::move(key);
+        return true;
     }
 
     bool openContainer(Open kind, bool empty) {
@@ -175,21 +215,119 @@ private:
         noteDepth(depth);
         if (!haveRoot_) {
             haveRoot_ = true;
-            parents_.push_back(kind);
+            parents_.push_back({kind, {}});
+        } else if (!joinParent()) {
+            return false;
         }
         if (!empty) {
             openTags_.push_back(kind);
-            if (depth > 1) parents_.push_back(kind);
+            if (depth > 1) parents_.push_back({kind, {}});
         }
         return deepest_ <= kMaximumPlistNesting;
     }
 
     bool closeContainer(std::string_view name) {
+        pendingKey_.reset();
         Open kind = name == "dict" ? Open::Dict : Open::Array;
         if (openTags_.empty() || (name != "dict" && name != "array") || openTags_.back() != kind) return false;
         openTags_.pop_back();
         parents_.pop_back();
         return !parents_.empty();
+    }
+
+    // The element just read joins its parent; a dictionary files it under the key read
+    // before it.
+    bool joinParent() {
+        Parent& parent = parents_.back();
+        if (parent.kind == Open::Dict && pendingKey_) addKey(parent.keys, *pendingKey_);
+        pendingKey_.reset();
+        return !keysTooCostly();
+    }
+
+    // Counts the bytes the library may compare to add the key: every entry while it
+    // scans them, twice the key's chain once they are filed.
+    void addKey(KeyLoad& load, std::string_view key) {
+        std::uint32_t chain = libraryKeyHash(key) % kChains;
+        std::uint64_t comparisons = 0;
+        if (load.entries < kEntriesScanned) {
+            comparisons = load.entries;
+            load.chainOfEntry.push_back(chain);
+        } else {
+            if (load.chainLengths.empty()) {
+                load.chainLengths.assign(kChains, 0);
+                for (std::uint32_t filed : load.chainOfEntry) ++load.chainLengths[filed];
+                load.chainOfEntry.clear();
+            }
+            comparisons = 2 * std::uint64_t{load.chainLengths[chain]};
+            ++load.chainLengths[chain];
+        }
+        ++load.entries;
+        keyLookupCost_ += comparisons * (key.size() + 1);
+    }
+
+    static std::uint32_t libraryKeyHash(std::string_view key) {
+        std::uint32_t hash = 5381;
+        for (char c : key) hash = hash * 33 + static_cast<std::uint32_t>(static_cast<signed char>(c));
+        return hash;
+    }
+
+    // The library's decoding of entities, part by part: "&amp;", "&apos;", "&quot;",
+    // "&lt;", "&gt;" (any name that begins so) and character references. False where
+    // the library would refuse the text.
+    static bool appendUnescaped(std::string& out, const char* begin, const char* end) {
+        std::string_view text(begin, static_cast<std::size_t>(end - begin));
+        std::size_t i = 0;
+        while (i + 1 < text.size()) {
+            if (text[i] != '&') {
+                out += text[i++];
+                continue;
+            }
+            std::size_t semicolon = text.find(';', i);
+            if (semicolon == std::string_view::npos || semicolon == i + 1) return false;
+            std::string_view name = text.substr(i + 1, semicolon - i - 1);
+            if (name.starts_with("amp")) {
+                out += '&';
+            } else if (name.starts_with("apos")) {
+                out += '\'';
+            } else if (name.starts_with("quot")) {
+                out += '"';
+            } else if (name.starts_with("lt")) {
+                out += '<';
+            } else if (name.starts_with("gt")) {
+                out += '>';
+            } else if (name[0] != '#' || !appendCharacterReference(out, name)) {
+                return false;
+            }
+            i = semicolon + 1;
+        }
+        out.append(text.substr(i));
+        return true;
+    }
+
+    static bool appendCharacterReference(std::string& out, std::string_view name) {
+        bool hex = name.size() > 1 && (name[1] == 'x' || name[1] == 'X');
+        if (name.size() > 8 || name.size() < (hex ? 3u : 2u)) return false;
+        std::string digits(name.substr(hex ? 2 : 1));
+        char* stop = nullptr;
+        unsigned long long code = std::strtoull(digits.c_str(), &stop, hex ? 16 : 10);
+        if (code == 0 || code > 0x10FFFF || stop != digits.c_str() + digits.size()) return false;
+        auto put = [&out](unsigned long long bits) { out += static_cast<char>(bits); };
+        if (code >= 0x10000) {
+            put(0xF0 + ((code >> 18) & 0x7));
+            put(0x80 + ((code >> 12) & 0x3F));
+            put(0x80 + ((code >> 6) & 0x3F));
+            put(0x80 + (code & 0x3F));
+        } else if (code >= 0x800) {
+            put(0xE0 + ((code >> 12) & 0xF));
+            put(0x80 + ((code >> 6) & 0x3F));
+            put(0x80 + (code & 0x3F));
+        } else if (code >= 0x80) {
+            put(0xC0 + ((code >> 6) & 0x1F));
+            put(0x80 + (code & 0x3F));
+        } else {
+            put(code);
+        }
+        return true;
     }
 
     void noteDepth(int depth) { deepest_ = std::max(deepest_, depth); }
@@ -198,8 +336,11 @@ private:
     const char* end_;
     bool haveRoot_ = false;
     std::vector<Open> openTags_;  // the library's stack of open tags
-    std::vector<Open> parents_;   // the containers enclosing the next element
+    std::vector<Parent> parents_;  // the containers enclosing the next element
+    std::optional<std::string> pendingKey_;
     int deepest_ = 0;
+    std::uint64_t keyLookupBudget_;
+    std::uint64_t keyLookupCost_ = 0;
 };
 
 // Walks every object a binary list's top object reaches, without recursion: refuses
@@ -616,8 +757,9 @@ plist_t readWithLibrary(std::string_view bytes, int& nesting) {
     } else {
         // XML allows no NUL character, and the library would cut a key short at one.
         if (bytes.find('\0') != std::string_view::npos) return nullptr;
-        nesting = XmlNestingWalk(bytes).deepestNesting();
-        if (nesting > kMaximumPlistNesting) return nullptr;
+        XmlListWalk walk(bytes);
+        nesting = walk.deepestNesting();
+        if (nesting > kMaximumPlistNesting || walk.keysTooCostly()) return nullptr;
         plist_from_xml(bytes.data(), length, &raw);
     }
     return raw;

@@ -345,3 +345,59 @@ TEST(PlistCodec, TrailingContentAfterTheListIsIgnoredAsBefore) {
     std::string list = xmlList("<array><true/></array>") + repeated("<array>", 1000);
     EXPECT_TRUE(whittle::parsePropertyList(list).isArray());
 }
+
+namespace {
+
+// The hash the property-list library files dictionary keys by.
+std::uint32_t libraryKeyHash(const std::string& key) {
+    std::uint32_t hash = 5381;
+    for (char c : key) hash = hash * 33 + static_cast<std::uint32_t>(static_cast<signed char>(c));
+    return hash;
+}
+
+// An XML dictionary of that many keys, all of the same length and a common prefix;
+// colliding: every key falls in the same chain of the library's hash table.
+// spelling goes in front of every key, and reads as decoded.
+std::string dictionaryOfKeys(int count, bool colliding, std::size_t prefixLength, const std::string& spelling = "",
+                             const std::string& decoded = "") {
+    std::string body = "<dict>";
+    std::string prefix(prefixLength, 'K');
+    for (int i = 0; i < count; ++i) {
+        std::string key = prefix + std::to_string(1000000 + i);
+        std::string suffix = "abc";
+        std::uint32_t base = libraryKeyHash(decoded + key);
+        const std::string letters = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+        for (char a : colliding ? letters : std::string()) {
+            for (char b : letters) {
+                for (char c : letters) {
+                    if (colliding && (((base * 33 + a) * 33 + b) * 33 + static_cast<std::uint32_t>(c)) % 4096 == 77) {
+                        suffix = {a, b, c};
+                        goto found;
+                    }
+                }
+            }
+        }
+    found:
+        body += "<key>" + spelling + key + suffix + "</key><true/>";
+    }
+    return xmlList(body + "</dict>");
+}
+
+}  // namespace
+
+TEST(PlistCodec, XmlKeysMadeToCollideInTheLibraryAreRefused) {
+    ASSERT_TRUE(whittle::parsePropertyList(dictionaryOfKeys(2000, false, 200)).isDictionary());
+    EXPECT_TRUE(whittle::parsePropertyList(dictionaryOfKeys(4000, true, 200)).isNone());
+    // CDATA and entities are decoded as the library does before it takes the hash:
+    // "KKK" spelled so collides just the same.
+    EXPECT_TRUE(whittle::parsePropertyList(dictionaryOfKeys(4000, true, 197, "<![CDATA[K]]>&#x4B;&#75;", "KKK")).isNone());
+}
+
+TEST(PlistCodec, LargeXmlDictionariesOfOrdinaryKeysAreRead) {
+    Value parsed = whittle::parsePropertyList(dictionaryOfKeys(40000, false, 20));
+    ASSERT_TRUE(parsed.isDictionary());
+    EXPECT_EQ(parsed.count(), 40000u);
+    Value fewColliding = whittle::parsePropertyList(dictionaryOfKeys(500, true, 200));
+    ASSERT_TRUE(fewColliding.isDictionary());
+    EXPECT_EQ(fewColliding.count(), 500u);
+}
