@@ -102,12 +102,13 @@ int Stripper3::chooseIdentities(const Value& item, Value& chosen) {
         if (kept.isNone()) strippedBuildIdentities_.set(deviceClass.text(), kept = Value::dictionary());
         Value keptForVariant = kept.get(personalization.text());
         if (keptForVariant.isNone()) kept.set(personalization.text(), keptForVariant = Value::array());
+        // Only this step fills the kept list of a device class and variant, always from
+        // the same identities of the index (each there once): a list that is not empty
+        // already holds every one of them.
+        bool keptBefore = keptForVariant.count() > 0;
         for (const auto& identity : identities.elements()) {
             chosen.append(identity);
-            const auto& already = *keptForVariant.asArray();
-            bool present = std::any_of(already.begin(), already.end(),
-                                       [&identity](const Value& other) { return other.sameObject(identity); });
-            if (!present) keptForVariant.append(identity);
+            if (!keptBefore) keptForVariant.append(identity);
         }
     }
     return 0;

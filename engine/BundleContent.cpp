@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <optional>
 #include <set>
+#include <unordered_set>
 
 #include "engine/BundleListing.hpp"
 #include "engine/Stripper3.hpp"
@@ -88,7 +89,8 @@ int Stripper3::stripFWPKs(const Value& item) {
         {"FullInternalOS", "FullInternal"}, {"VendorInternalOS", "VendorInternal"}, {"LiteInternalOS", "LiteInternal"}};
 
     auto listing = submanifestStartingAt(kFirmwareArchives, false);
-    std::vector<std::string> matched;
+    std::vector<std::string> matched;  // in the order first matched, each once
+    std::unordered_set<std::string> matchedOnce;
     KeepList keptFiles;
     for (const auto& product : products.isSet() ? *products.asSetMembers() : ValueArray{}) {
         for (const auto& entry : listing) {
@@ -98,7 +100,7 @@ int Stripper3::stripFWPKs(const Value& item) {
                 match = match || (wants(archive.personalization) && containsIgnoringCase(entry, archive.nameFragment));
             }
             if (!match) continue;
-            if (std::find(matched.begin(), matched.end(), entry) == matched.end()) matched.push_back(entry);
+            if (matchedOnce.insert(entry).second) matched.push_back(entry);
             for (const auto& path : submanifestStartingAt(entry)) keptFiles.insert(path);
         }
     }

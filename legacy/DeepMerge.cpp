@@ -1,8 +1,34 @@
 #include "legacy/DeepMerge.hpp"
 
+#include <unordered_map>
+
 #include "support/LogObject.hpp"
 
 namespace whittle {
+
+namespace {
+
+// A hash of a value's whole content, the same for equal values. Only for use while the
+// values cannot change, as during one merge: containers are hashed by what they hold.
+std::size_t deepHash(const Value& value) {
+    std::size_t hash = value.contentHash();
+    auto mix = [&hash](std::size_t part) { hash ^= part + 0x9e3779b97f4a7c15ULL + (hash << 6) + (hash >> 2); };
+    if (const auto* elements = value.asArray()) {
+        for (const auto& element : *elements) mix(deepHash(element));
+    } else if (const auto* entries = value.asDictionary()) {
+        for (const auto& [key, element] : *entries) {
+            mix(std::hash<std::string>{}(key));
+            mix(deepHash(element));
+        }
+    } else if (const auto* members = value.asSetMembers()) {
+        std::size_t sum = 0;  // a set's members may stand in any order
+        for (const auto& member : *members) sum += deepHash(member);
+        mix(sum);
+    }
+    return hash;
+}
+
+}  // namespace
 
 bool deepMergeDictionary(Value& dictionary, const Value& other) {
     if (!dictionary.isDictionary() || !other.isDictionary()) return false;
@@ -36,16 +62,16 @@ bool deepMergeArray(Value& array, const Value& other) {
     // The other array's elements are taken from a copy of its list, so that merging an
     // array into itself cannot disturb the walk.
     ValueArray incoming = *other.asArray();
+    std::unordered_multimap<std::size_t, std::size_t> positionsByHash;
+    for (std::size_t i = 0; i < array.count(); ++i) positionsByHash.emplace(deepHash(array.at(i)), i);
     for (const auto& element : incoming) {
-        const auto& present = *array.asArray();
+        std::size_t hash = deepHash(element);
+        auto [candidate, end] = positionsByHash.equal_range(hash);
         bool contained = false;
-        for (const auto& existing : present) {
-            if (existing.equals(element)) {
-                contained = true;
-                break;
-            }
-        }
-        if (!contained) array.append(element);
+        for (; candidate != end && !contained; ++candidate) contained = array.at(candidate->second).equals(element);
+        if (contained) continue;
+        positionsByHash.emplace(hash, array.count());
+        array.append(element);
     }
     return true;
 }

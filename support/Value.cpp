@@ -171,18 +171,46 @@ void Value::append(Value element) {
     if (auto* array = asMutableArray()) array->push_back(std::move(element));
 }
 
-bool Value::setContains(const Value& member) const {
-    const auto* members = asSetMembers();
-    if (!members) return false;
-    for (const auto& existing : *members) {
-        if (existing.equals(member)) return true;
+std::size_t Value::contentHash() const {
+    constexpr std::size_t kKindSpread = 0x9e3779b97f4a7c15ULL;
+    if (!node_) return 0;
+    if (isNumber()) {
+        double number = numberValue();
+        if (std::isnan(number)) return kKindSpread;
+        return std::hash<double>{}(number == 0 ? 0.0 : number);  // -0 equals 0
+    }
+    std::size_t kindSeed = static_cast<std::size_t>(kind()) * kKindSpread;
+    switch (kind()) {
+        case Kind::String: return std::hash<std::string_view>{}(*asString());
+        case Kind::Data: return kindSeed ^ std::hash<std::string_view>{}(asData()->bytes);
+        case Kind::Date: return kindSeed ^ std::hash<double>{}(asDate()->secondsSinceReferenceDate + 0.0);
+        default: return kindSeed;
+    }
+}
+
+namespace {
+
+bool holdsMember(const ValueSet& set, const Value& member, std::size_t hash) {
+    auto [candidate, end] = set.positionsByHash.equal_range(hash);
+    for (; candidate != end; ++candidate) {
+        if (set.members[candidate->second].equals(member)) return true;
     }
     return false;
 }
 
+}  // namespace
+
+bool Value::setContains(const Value& member) const {
+    const auto* set = node_ ? std::get_if<ValueSet>(&node_->payload) : nullptr;
+    return set && holdsMember(*set, member, member.contentHash());
+}
+
 void Value::addToSet(Value member) {
     auto* set = node_ ? std::get_if<ValueSet>(&node_->payload) : nullptr;
-    if (!set || setContains(member)) return;
+    if (!set) return;
+    std::size_t hash = member.contentHash();
+    if (holdsMember(*set, member, hash)) return;
+    set->positionsByHash.emplace(hash, set->members.size());
     set->members.push_back(std::move(member));
 }
 
@@ -255,10 +283,13 @@ Value Value::deepCopy() const {
             return Value::dictionary(ValueDictionary::fromEntries(std::move(copy)));
         }
         case Kind::Set: {
-            Value copy(std::make_shared<Node>(ValueSet{}));
-            auto& members = std::get<ValueSet>(copy.node_->payload).members;
-            for (const auto& member : *asSetMembers()) members.push_back(member.deepCopy());
-            return copy;
+            // Equal copies hash alike, so the index carries over as it is.
+            const auto& original = std::get<ValueSet>(node_->payload);
+            ValueSet copy;
+            copy.members.reserve(original.members.size());
+            for (const auto& member : original.members) copy.members.push_back(member.deepCopy());
+            copy.positionsByHash = original.positionsByHash;
+            return Value(std::make_shared<Node>(std::move(copy)));
         }
         default: return Value(std::make_shared<Node>(node_->payload));
     }

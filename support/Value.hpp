@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <variant>
 #include <vector>
 
@@ -33,8 +34,14 @@ struct Data {
 
 // An unordered collection of distinct values (by deep equality); enumerates in
 // insertion order. Not a property-list type; no file ever holds one.
+//
+// Membership is found through a hash of each member's content kept beside the
+// members, so a set of many strings stays fast. Containers are hashed by their kind
+// alone (their content may change through other references, and still compares
+// right); a string member must not be changed in place while it is in a set.
 struct ValueSet {
     ValueArray members;
+    std::unordered_multimap<std::size_t, std::size_t> positionsByHash;  // content hash -> index in members
 };
 
 class Value {
@@ -98,9 +105,15 @@ public:
     std::size_t count() const;
     Value at(std::size_t index) const;
     void append(Value element);
-    // Set access: adds the member unless an equal one is already there.
+    // Set access: adds the member unless an equal one is already there. Both take
+    // about constant time, however many members the set has.
     void addToSet(Value member);
     bool setContains(const Value& member) const;
+
+    // A hash of the content, the same for any two values that are equal(): numbers by
+    // value whatever their kind, strings, data and dates by content, containers by
+    // kind alone.
+    std::size_t contentHash() const;
 
     // Deep equality: strings by characters, numbers by value, data by bytes,
     // dates by time, containers element by element. Two nones are equal.

@@ -193,3 +193,35 @@ TEST_F(LegacyMerge, PathsNewToTheMergeAreTakenOverAsTheyAre) {
     EXPECT_TRUE(stripper->modifiedFiles().get("p").sameObject(plist));
     EXPECT_EQ(stripper->modifiedFiles().count(), 2u);
 }
+
+TEST(DeepMergeArray, AppendsOnlyWhatIsMissingByDeepEqualityInOrder) {
+    auto identity = [](int n) {
+        Value info = Value::dictionary();
+        info.set("DeviceClass", Value::string("x" + std::to_string(n)));
+        Value entry = Value::dictionary();
+        entry.set("Info", info);
+        entry.set("Number", Value::integer(n));
+        return entry;
+    };
+    Value merged = Value::array();
+    Value first = Value::array();
+    Value second = Value::array();
+    for (int i = 0; i < 6000; ++i) first.append(identity(i));
+    for (int i = 3000; i < 9000; ++i) second.append(identity(i).deepCopy());
+    ASSERT_TRUE(deepMergeArray(merged, first));
+    ASSERT_TRUE(deepMergeArray(merged, second));
+    ASSERT_TRUE(deepMergeArray(merged, merged));
+    ASSERT_EQ(merged.count(), 9000u);
+    for (int i = 0; i < 9000; i += 1499) EXPECT_TRUE(merged.at(i).equals(identity(i))) << i;
+    EXPECT_TRUE(merged.at(6000).sameObject(second.at(3000)));
+}
+
+TEST(DeepMergeSet, AddsTheMissingMembersOfLargeSets) {
+    Value set = Value::set();
+    Value other = Value::set();
+    for (int i = 0; i < 20000; ++i) set.addToSet(Value::string("a" + std::to_string(i)));
+    for (int i = 10000; i < 30000; ++i) other.addToSet(Value::string("a" + std::to_string(i)));
+    ASSERT_TRUE(deepMergeSet(set, other));
+    ASSERT_EQ(set.count(), 30000u);
+    EXPECT_EQ(set.elements()[29999].text(), "a29999");
+}

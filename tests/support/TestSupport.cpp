@@ -112,7 +112,9 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions&
     while (outOpen || errOpen) {
         pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errRead, POLLIN, 0}};
         ::poll(fds, 2, signalled ? 100 : 5);
-        if (!signalled && std::chrono::steady_clock::now() - started >= std::chrono::milliseconds(options.signalAfterMilliseconds)) {
+        bool pathReady = options.signalWhenPathExists.empty() || pathExists(options.signalWhenPathExists);
+        if (!signalled && pathReady &&
+            std::chrono::steady_clock::now() - started >= std::chrono::milliseconds(options.signalAfterMilliseconds)) {
             ::kill(options.signalProcessGroup ? -child : child, options.signalNumber);
             signalled = true;
         }

@@ -44,6 +44,8 @@ struct RunOptions {
     int signalNumber = 0;
     int signalAfterMilliseconds = 0;
     bool signalProcessGroup = false;
+    // When set, the signal goes once this path exists (and the time has passed).
+    std::string signalWhenPathExists;
 };
 
 // Appends what one read of the descriptor gives; clears open at its end (a terminal's

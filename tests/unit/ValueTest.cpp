@@ -126,3 +126,85 @@ TEST(Value, KindNames) {
     EXPECT_STREQ(whittle::kindName(Value::integer(1)), "integer");
     EXPECT_STREQ(whittle::kindName(Value()), "none");
 }
+
+// ---- sets and their membership index ----
+
+TEST(ValueSet, ManyMembersKeepInsertionOrderAndStayDistinct) {
+    Value set = Value::set();
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 20000; ++i) set.addToSet(Value::string("line " + std::to_string(i)));
+    }
+    ASSERT_EQ(set.count(), 20000u);
+    for (int i = 0; i < 20000; i += 997) EXPECT_EQ(set.elements()[i].text(), "line " + std::to_string(i));
+    EXPECT_TRUE(set.setContains(Value::string("line 19999")));
+    EXPECT_FALSE(set.setContains(Value::string("line 20000")));
+}
+
+TEST(ValueSet, MembershipFollowsDeepEquality) {
+    Value set = Value::set({Value::integer(1), Value::string("a"), Value::real(-0.0),
+                            Value::array({Value::string("x"), Value::integer(2)})});
+    EXPECT_TRUE(set.setContains(Value::real(1.0)));
+    EXPECT_TRUE(set.setContains(Value::boolean(true)));
+    EXPECT_TRUE(set.setContains(Value::integer(0)));
+    EXPECT_TRUE(set.setContains(Value::array({Value::string("x"), Value::real(2.0)})));
+    EXPECT_FALSE(set.setContains(Value::array({Value::integer(2), Value::string("x")})));
+    EXPECT_FALSE(set.setContains(Value::data("a")));
+    EXPECT_FALSE(set.setContains(Value::integer(3)));
+    set.addToSet(Value::real(1.0));
+    set.addToSet(Value::array({Value::string("x"), Value::integer(2)}));
+    EXPECT_EQ(set.count(), 4u);
+    Value big = Value::integer(std::int64_t{1} << 62);
+    set.addToSet(big);
+    set.addToSet(Value::integer((std::int64_t{1} << 62) + 1));  // equal as doubles, not as integers
+    EXPECT_EQ(set.count(), 6u);
+}
+
+TEST(ValueSet, ContainerMembersChangedElsewhereAreFoundByTheirContent) {
+    Value list = Value::array({Value::string("a")});
+    Value set = Value::set({list});
+    list.append(Value::string("b"));
+    EXPECT_TRUE(set.setContains(Value::array({Value::string("a"), Value::string("b")})));
+    EXPECT_FALSE(set.setContains(Value::array({Value::string("a")})));
+}
+
+TEST(ValueSet, CopiesShareTheSetAndDeepCopiesAreIndependent) {
+    Value set = Value::set({Value::string("a"), Value::dictionary()});
+    Value alias = set;
+    alias.addToSet(Value::string("b"));
+    EXPECT_TRUE(set.setContains(Value::string("b")));
+
+    Value copy = set.deepCopy();
+    copy.addToSet(Value::string("c"));
+    EXPECT_TRUE(copy.setContains(Value::string("a")));
+    EXPECT_TRUE(copy.setContains(Value::string("b")));
+    EXPECT_TRUE(copy.setContains(Value::dictionary()));
+    EXPECT_TRUE(copy.setContains(Value::string("c")));
+    EXPECT_FALSE(set.setContains(Value::string("c")));
+    copy.addToSet(Value::string("a"));
+    EXPECT_EQ(copy.count(), 4u);
+    EXPECT_EQ(copy.elements()[3].text(), "c");
+}
+
+TEST(ValueSet, SetsAreEqualWhateverTheirOrder) {
+    Value one = Value::set({Value::string("a"), Value::integer(1), Value::string("b")});
+    Value two = Value::set({Value::string("b"), Value::real(1.0), Value::string("a")});
+    EXPECT_TRUE(one.equals(two));
+    two.addToSet(Value::string("c"));
+    EXPECT_FALSE(one.equals(two));
+}
+
+TEST(ValueSet, EqualValuesHashAlike) {
+    const std::pair<Value, Value> equalPairs[] = {
+        {Value::integer(7), Value::real(7.0)},
+        {Value::boolean(false), Value::real(-0.0)},
+        {Value::string("x"), Value::string("x")},
+        {Value::data("\x01"), Value::data("\x01")},
+        {Value::date(whittle::Date{5}), Value::date(whittle::Date{5})},
+        {Value::array({Value::integer(1)}), Value::array({Value::real(1)})},
+        {Value::set({Value::string("a"), Value::string("b")}), Value::set({Value::string("b"), Value::string("a")})},
+    };
+    for (const auto& [a, b] : equalPairs) {
+        ASSERT_TRUE(a.equals(b)) << a.description();
+        EXPECT_EQ(a.contentHash(), b.contentHash()) << a.description();
+    }
+}
