@@ -43,6 +43,6 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # The shared libraries come from dpkg-shlibdeps; these are the programs that whittle and
 # its helpers run (chmod is in coreutils, which every system has).
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "7zip, xorriso, zip, openssl")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "7zip, zip, openssl")
 
 include(CPack)

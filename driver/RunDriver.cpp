@@ -420,7 +420,10 @@ int Run::makeTemporaryFolder() {
 }
 
 int Run::applyModifiedFilesTo(Stripper& engine, const std::string& folder) {
-    return applyModifiedFiles(engine.modifiedFiles(), folder, boolForKey(request_.stripOptions, "noSymLinks"));
+    Value modified = engine.modifiedFiles();
+    int status = applyModifiedFiles(modified, folder, boolForKey(request_.stripOptions, "noSymLinks"));
+    if (status == 0) settleTimesOfModifiedFiles(modified, folder, BundleFiles(std::string(engine.bundleRoot().text())));
+    return status;
 }
 
 int Run::writeBomTarget(Stripper& engine) {

@@ -1,13 +1,17 @@
 #include "driver/TargetWriters.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <random>
+#include <set>
 
 #include "driver/ToolPaths.hpp"
+#include "engine/BundleFiles.hpp"
+#include "engine/BundlePaths.hpp"
 #include "driver/ToolRuns.hpp"
 #include "support/ContainedPaths.hpp"
 #include "support/FileSystem.hpp"
@@ -144,6 +148,29 @@ int applyModifiedFiles(const Value& modifiedFiles, const std::string& destinatio
         }
     }
     return result;
+}
+
+void settleTimesOfModifiedFiles(const Value& modifiedFiles, const std::string& destination, const BundleFiles& source) {
+    const auto* entries = modifiedFiles.asDictionary();
+    auto manifestTime = source.modificationTime(kBuildManifest);
+    if (!entries || !manifestTime) return;
+    auto setTime = [&destination](const std::string& relative, const timespec& time) {
+        timespec times[2] = {time, time};
+        std::string path = relative.empty() ? destination : destination + "/" + relative;
+        ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    };
+    std::set<std::string> folders{""};
+    for (const auto& [relative, content] : *entries) {
+        if (!isContainedRelativePath(relative)) continue;
+        setTime(relative, *manifestTime);
+        for (std::string folder = deletingLastPathComponent(relative); !folder.empty(); folder = deletingLastPathComponent(folder)) {
+            folders.insert(folder);
+        }
+    }
+    // Deepest first: setting a folder's time must come after everything inside it.
+    for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder) {
+        setTime(*folder, source.modificationTime(*folder).value_or(*manifestTime));
+    }
 }
 
 }  // namespace whittle

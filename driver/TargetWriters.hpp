@@ -26,4 +26,11 @@ int copyBundleThroughBom(Stripper& engine, const std::string& destination);
 // Answers 0 when every entry was written, else 1.
 int applyModifiedFiles(const Value& modifiedFiles, const std::string& destination, bool noSymLinks);
 
+class BundleFiles;
+// Gives the written files (and the folders that writing them changed) times that come
+// from the source, so that the same run always writes the same target: each written
+// file takes the time of the source's "Restore/BuildManifest.plist", each folder its
+// own time in the source, or that time when the source has no such folder.
+void settleTimesOfModifiedFiles(const Value& modifiedFiles, const std::string& destination, const BundleFiles& source);
+
 }  // namespace whittle

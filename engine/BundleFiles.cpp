@@ -180,6 +180,16 @@ std::optional<std::string> BundleFiles::readFile(std::string_view relative, int*
     return bytes;
 }
 
+std::optional<struct timespec> BundleFiles::modificationTime(std::string_view relative) const {
+    int fd = openBeneath(relative, O_PATH, false);
+    if (fd < 0) return std::nullopt;
+    struct stat info {};
+    bool known = ::fstat(fd, &info) == 0;
+    ::close(fd);
+    if (!known) return std::nullopt;
+    return info.st_mtim;
+}
+
 std::vector<std::string> BundleFiles::entries(std::string_view relativeFolder) const {
     std::vector<std::string> names;
     int fd = openBeneath(relativeFolder, O_RDONLY | O_DIRECTORY, true);

@@ -4,6 +4,7 @@
 // the bundle keep working.
 #pragma once
 
+#include <ctime>
 #include <optional>
 #include <set>
 #include <string>
@@ -33,6 +34,8 @@ public:
     // The bytes of the regular file at the path (links inside the bundle followed);
     // none for anything else, with the system's error number in `error`.
     std::optional<std::string> readFile(std::string_view relative, int* error = nullptr) const;
+    // The modification time of what stands at the path (a link's own), or none.
+    std::optional<struct timespec> modificationTime(std::string_view relative) const;
     // The names inside a folder, sorted; none for a missing folder or one outside.
     std::vector<std::string> entries(std::string_view relativeFolder) const;
     // Appends every path below the folder at any depth, each as the folder's relative

@@ -1,13 +1,21 @@
 #include "platform/copy/ZipArchive.hpp"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <fcntl.h>
+#include <libdeflate.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <condition_variable>
+#include <ctime>
+#include <deque>
+#include <functional>
+#include <future>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include "platform/copy/CopyCommon.hpp"
 #include "platform/helper/StopCleanup.hpp"
@@ -16,14 +24,320 @@ namespace whittle::copy {
 
 namespace {
 
-constexpr std::size_t kReadBuffer = std::size_t{1} << 20;
+// ---- the zip format (all integers little-endian) ----
+constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
+constexpr std::uint32_t kCentralHeaderSignature = 0x02014b50;
+constexpr std::uint32_t kEndSignature = 0x06054b50;
+constexpr std::uint32_t kZip64EndSignature = 0x06064b50;
+constexpr std::uint32_t kZip64LocatorSignature = 0x07064b50;
+constexpr std::uint16_t kExtendedTimestampTag = 0x5455;
+constexpr std::uint16_t kZip64Tag = 0x0001;
+constexpr std::uint16_t kMethodStored = 0;
+constexpr std::uint16_t kMethodDeflated = 8;
+constexpr std::uint16_t kVersionNeeded = 20;
+constexpr std::uint16_t kVersionNeededZip64 = 45;
+constexpr std::uint16_t kVersionMadeByUnix = (3 << 8) | 30;
+constexpr std::uint16_t kFlagUtf8Names = 0x0800;
+constexpr std::uint32_t kDosDirectoryAttribute = 0x10;
+constexpr std::uint32_t kLargest32 = 0xFFFFFFFF;
+constexpr std::size_t kLocalSizesOffset = 14;  // CRC-32, compressed and uncompressed size
 
-struct ArchiveFree {
-    void operator()(archive* handle) const { archive_write_free(handle); }
+// ---- how the work is cut ----
+// Files up to this size are compressed whole, in one piece of work; larger ones in
+// parts of kPartSize, each ending on a byte boundary so that the parts join into one
+// deflate stream.
+constexpr std::uint64_t kLargestWholeFile = 4 << 20;
+constexpr std::uint64_t kPartSize = 1 << 20;
+// An entry whose data might need more than 32 bits gets 64-bit sizes from the start.
+constexpr std::uint64_t kZip64Threshold = 0xF0000000;
+constexpr int kCompressionLevel = 6;
+
+void put16(std::string& out, std::uint16_t value) {
+    out += static_cast<char>(value & 0xFF);
+    out += static_cast<char>(value >> 8);
+}
+void put32(std::string& out, std::uint32_t value) {
+    for (int i = 0; i < 4; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
+}
+void put64(std::string& out, std::uint64_t value) {
+    for (int i = 0; i < 8; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
+}
+std::uint32_t clamp32(std::uint64_t value) { return value >= kLargest32 ? kLargest32 : static_cast<std::uint32_t>(value); }
+
+// The DOS date and time fields, in UTC so that they do not depend on where the archive
+// is made (the extended timestamp field carries the exact time for readers that
+// know it).
+std::pair<std::uint16_t, std::uint16_t> dosDateAndTime(std::time_t seconds) {
+    std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
+    if (parts.tm_year < 80) return {(0 << 9) | (1 << 5) | 1, 0};  // 1980-01-01, the earliest there is
+    auto date = static_cast<std::uint16_t>(((parts.tm_year - 80) << 9) | ((parts.tm_mon + 1) << 5) | parts.tm_mday);
+    auto time = static_cast<std::uint16_t>((parts.tm_hour << 11) | (parts.tm_min << 5) | (parts.tm_sec / 2));
+    return {date, time};
+}
+
+// ---- compression ----
+
+struct Compressed {
+    std::string bytes;
+    std::uint32_t crc = 0;
+    std::uint64_t inputLength = 0;
+    bool stored = false;  // bytes are the input itself
 };
-struct EntryFree {
-    void operator()(archive_entry* entry) const { archive_entry_free(entry); }
+
+// A buffer that keeps its memory from one piece of work to the next, and is not
+// cleared before it is filled.
+class Scratch {
+public:
+    char* reserve(std::size_t length) {
+        if (length > capacity_) {
+            bytes_ = std::make_unique_for_overwrite<char[]>(length);
+            capacity_ = length;
+        }
+        return bytes_.get();
+    }
+
+private:
+    std::unique_ptr<char[]> bytes_;
+    std::size_t capacity_ = 0;
 };
+
+// Reads length bytes at offset into the thread's input buffer.
+std::string_view readRange(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path) {
+    thread_local Scratch input;
+    char* bytes = input.reserve(static_cast<std::size_t>(length));
+    std::size_t done = 0;
+    while (done < length) {
+        ssize_t got = ::pread(fd, bytes + done, length - done, static_cast<off_t>(offset + done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) failOn(path, "read", errno);
+        if (got == 0) throw CopyError("\"" + path + "\" shrank while it was being archived");
+        done += static_cast<std::size_t>(got);
+    }
+    return {bytes, static_cast<std::size_t>(length)};
+}
+
+struct CompressorFree {
+    void operator()(libdeflate_compressor* compressor) const { libdeflate_free_compressor(compressor); }
+};
+
+// A whole file: deflated, or stored when deflating does not make it smaller.
+Compressed compressWhole(std::string_view input) {
+    thread_local std::unique_ptr<libdeflate_compressor, CompressorFree> compressor(
+        libdeflate_alloc_compressor(kCompressionLevel));
+    thread_local Scratch output;
+    if (!compressor) throw std::bad_alloc();
+    Compressed result;
+    result.inputLength = input.size();
+    result.crc = libdeflate_crc32(0, input.data(), input.size());
+    if (!input.empty()) {
+        std::size_t bound = libdeflate_deflate_compress_bound(compressor.get(), input.size());
+        char* compressed = output.reserve(bound);
+        std::size_t length = libdeflate_deflate_compress(compressor.get(), input.data(), input.size(), compressed, bound);
+        if (length != 0 && length < input.size()) {
+            result.bytes.assign(compressed, length);
+            return result;
+        }
+    }
+    result.bytes.assign(input);
+    result.stored = true;
+    return result;
+}
+
+// One part of a large file, as raw deflate data that the next part continues: every
+// part but the last ends with a flush to a byte boundary, the last ends the stream.
+Compressed compressPart(std::string_view input, bool last) {
+    z_stream stream{};
+    if (deflateInit2(&stream, kCompressionLevel, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) != Z_OK)
+        throw std::bad_alloc();
+    Compressed result;
+    result.inputLength = input.size();
+    result.crc = static_cast<std::uint32_t>(crc32_z(0, reinterpret_cast<const Bytef*>(input.data()), input.size()));
+    thread_local Scratch output;
+    std::size_t bound = deflateBound(&stream, static_cast<uLong>(input.size())) + 16;
+    char* compressed = output.reserve(bound);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
+    stream.avail_in = static_cast<uInt>(input.size());
+    stream.next_out = reinterpret_cast<Bytef*>(compressed);
+    stream.avail_out = static_cast<uInt>(bound);
+    int status = deflate(&stream, last ? Z_FINISH : Z_SYNC_FLUSH);
+    bool complete = last ? status == Z_STREAM_END : (status == Z_OK && stream.avail_in == 0);
+    result.bytes.assign(compressed, stream.total_out);
+    deflateEnd(&stream);
+    if (!complete) throw CopyError("cannot compress data for the archive");
+    return result;
+}
+
+// A few threads doing the compression; results are collected in submission order.
+class WorkerPool {
+public:
+    explicit WorkerPool(unsigned count) {
+        // The workers inherit a mask without the stop signals: a stop is handled on the
+        // main thread, which removes the partial archive.
+        helper::StopSignalsBlocked stopsGoToTheMainThread;
+        for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this] { run(); });
+    }
+    ~WorkerPool() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        for (auto& thread : threads_) thread.join();
+    }
+    WorkerPool(const WorkerPool&) = delete;
+    WorkerPool& operator=(const WorkerPool&) = delete;
+
+    std::future<Compressed> submit(std::function<Compressed()> work) {
+        std::packaged_task<Compressed()> task(std::move(work));
+        auto result = task.get_future();
+        {
+            std::lock_guard lock(mutex_);
+            queue_.push_back(std::move(task));
+        }
+        wake_.notify_one();
+        return result;
+    }
+
+private:
+    void run() {
+        for (;;) {
+            std::packaged_task<Compressed()> task;
+            {
+                std::unique_lock lock(mutex_);
+                wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+                if (queue_.empty()) return;
+                task = std::move(queue_.front());
+                queue_.pop_front();
+            }
+            task();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::packaged_task<Compressed()>> queue_;
+    bool stopping_ = false;
+    std::vector<std::thread> threads_;
+};
+
+// ---- the archive ----
+
+struct Entry {
+    std::string name;
+    std::uint32_t mode = 0;
+    std::int64_t modified = 0;
+    bool zip64 = false;
+    std::uint16_t method = kMethodStored;
+    std::uint32_t crc = 0;
+    std::uint64_t compressedSize = 0;
+    std::uint64_t size = 0;
+    std::uint64_t headerOffset = 0;
+};
+
+// The extended timestamp field: the modification time alone.
+std::string timestampField(std::int64_t modified) {
+    std::string field;
+    put16(field, kExtendedTimestampTag);
+    put16(field, 5);
+    field += '\x01';
+    put32(field, static_cast<std::uint32_t>(modified));
+    return field;
+}
+
+std::uint16_t flagsOf(const Entry& entry) {
+    bool ascii = std::all_of(entry.name.begin(), entry.name.end(), [](char c) { return (c & 0x80) == 0; });
+    return ascii ? 0 : kFlagUtf8Names;
+}
+
+std::string localHeader(const Entry& entry) {
+    auto [date, time] = dosDateAndTime(static_cast<std::time_t>(entry.modified));
+    std::string extra = timestampField(entry.modified);
+    if (entry.zip64) {
+        put16(extra, kZip64Tag);
+        put16(extra, 16);
+        put64(extra, entry.size);
+        put64(extra, entry.compressedSize);
+    }
+    std::string header;
+    put32(header, kLocalHeaderSignature);
+    put16(header, entry.zip64 ? kVersionNeededZip64 : kVersionNeeded);
+    put16(header, flagsOf(entry));
+    put16(header, entry.method);
+    put16(header, time);
+    put16(header, date);
+    put32(header, entry.crc);
+    put32(header, entry.zip64 ? kLargest32 : static_cast<std::uint32_t>(entry.compressedSize));
+    put32(header, entry.zip64 ? kLargest32 : static_cast<std::uint32_t>(entry.size));
+    put16(header, static_cast<std::uint16_t>(entry.name.size()));
+    put16(header, static_cast<std::uint16_t>(extra.size()));
+    return header + entry.name + extra;
+}
+
+std::string centralHeader(const Entry& entry) {
+    auto [date, time] = dosDateAndTime(static_cast<std::time_t>(entry.modified));
+    std::string extra = timestampField(entry.modified);
+    std::string large;
+    if (entry.size >= kLargest32 || entry.zip64) put64(large, entry.size);
+    if (entry.compressedSize >= kLargest32 || entry.zip64) put64(large, entry.compressedSize);
+    if (entry.headerOffset >= kLargest32) put64(large, entry.headerOffset);
+    if (!large.empty()) {
+        put16(extra, kZip64Tag);
+        put16(extra, static_cast<std::uint16_t>(large.size()));
+        extra += large;
+    }
+    bool sizes64 = entry.zip64 || entry.size >= kLargest32 || entry.compressedSize >= kLargest32;
+    std::string header;
+    put32(header, kCentralHeaderSignature);
+    put16(header, kVersionMadeByUnix);
+    put16(header, large.empty() ? kVersionNeeded : kVersionNeededZip64);
+    put16(header, flagsOf(entry));
+    put16(header, entry.method);
+    put16(header, time);
+    put16(header, date);
+    put32(header, entry.crc);
+    put32(header, sizes64 ? kLargest32 : static_cast<std::uint32_t>(entry.compressedSize));
+    put32(header, sizes64 ? kLargest32 : static_cast<std::uint32_t>(entry.size));
+    put16(header, static_cast<std::uint16_t>(entry.name.size()));
+    put16(header, static_cast<std::uint16_t>(extra.size()));
+    put16(header, 0);  // comment
+    put16(header, 0);  // disk
+    put16(header, 0);  // internal attributes
+    put32(header, (entry.mode << 16) | (S_ISDIR(entry.mode) ? kDosDirectoryAttribute : 0));
+    put32(header, clamp32(entry.headerOffset));
+    return header + entry.name + extra;
+}
+
+std::string archiveEnd(std::uint64_t entries, std::uint64_t directoryOffset, std::uint64_t directorySize) {
+    std::string end;
+    bool zip64 = entries >= 0xFFFF || directoryOffset >= kLargest32 || directorySize >= kLargest32;
+    if (zip64) {
+        std::uint64_t recordOffset = directoryOffset + directorySize;
+        put32(end, kZip64EndSignature);
+        put64(end, 44);  // the record's size after this field
+        put16(end, kVersionMadeByUnix);
+        put16(end, kVersionNeededZip64);
+        put32(end, 0);
+        put32(end, 0);
+        put64(end, entries);
+        put64(end, entries);
+        put64(end, directorySize);
+        put64(end, directoryOffset);
+        put32(end, kZip64LocatorSignature);
+        put32(end, 0);
+        put64(end, recordOffset);
+        put32(end, 1);
+    }
+    put32(end, kEndSignature);
+    put16(end, 0);
+    put16(end, 0);
+    put16(end, static_cast<std::uint16_t>(std::min<std::uint64_t>(entries, 0xFFFF)));
+    put16(end, static_cast<std::uint16_t>(std::min<std::uint64_t>(entries, 0xFFFF)));
+    put32(end, clamp32(directorySize));
+    put32(end, clamp32(directoryOffset));
+    put16(end, 0);
+    return end;
+}
 
 // The archive being written, in a temporary file that is removed unless committed,
 // and also when the tool is stopped.
@@ -64,21 +378,17 @@ private:
     Descriptor fd_;
 };
 
+// Goes through the plan in order, hands the compression to the workers and writes the
+// entries in plan order as their data comes back, keeping only a few pieces of work
+// under way so that memory stays bounded.
 class ZipWriter {
 public:
-    ZipWriter(int sourceRoot, int outputFd, const std::string& archivePath)
+    ZipWriter(int sourceRoot, int outputFd, const std::string& outputPath)
         : sourceRoot_(sourceRoot),
-          outputFd_(outputFd),
-          archivePath_(archivePath),
-          archive_(archive_write_new()),
-          entry_(archive_entry_new()) {
-        if (!archive_ || !entry_) throw std::bad_alloc();
-        check(archive_write_set_format_zip(archive_.get()), "set up the archive");
-        check(archive_write_zip_set_compression_deflate(archive_.get()), "set up the archive");
-        // A zip archive ends where its data ends: no padding to a block size.
-        check(archive_write_set_bytes_in_last_block(archive_.get(), 1), "set up the archive");
-        check(archive_write_open2(archive_.get(), this, nullptr, writeOutput, nullptr, nullptr), "start the archive");
-    }
+          output_(outputFd),
+          outputPath_(outputPath),
+          workers_(std::max(1u, std::thread::hardware_concurrency())),
+          mostUnderWay_(4 * std::max(1u, std::thread::hardware_concurrency())) {}
 
     void write(const std::vector<PlannedItem>& plan) {
         PlanPath planPath;
@@ -92,10 +402,19 @@ public:
             addItem(item, path);
         }
         folders_.clear();
-        check(archive_write_close(archive_.get()), "finish the archive");
+        while (!steps_.empty()) writeNextStep();
+        finishArchive();
     }
 
 private:
+    // What is written next: an entry's header, a piece of its data, or its end.
+    struct Step {
+        enum class Kind { begin, data, end } kind;
+        std::shared_ptr<Entry> entry;
+        std::future<Compressed> data;
+        std::string path;
+    };
+
     void openRoot() {
         Descriptor root(::fcntl(sourceRoot_, F_DUPFD_CLOEXEC, 0));
         if (!root.valid()) throw CopyError("cannot open the source folder: " + systemMessage(errno));
@@ -105,116 +424,154 @@ private:
     void addItem(const PlannedItem& item, std::string_view path) {
         int parent = folders_.back().get();
         std::string name(item.name);
-        std::string entryName(path.substr(2));  // without the leading "./"
         const struct stat& source = item.source;
-        archive_entry_clear(entry_.get());
-        archive_entry_set_mode(entry_.get(), source.st_mode);
-        archive_entry_set_uid(entry_.get(), source.st_uid);
-        archive_entry_set_gid(entry_.get(), source.st_gid);
-        archive_entry_set_mtime(entry_.get(), source.st_mtim.tv_sec, source.st_mtim.tv_nsec);
-        archive_entry_set_atime(entry_.get(), source.st_atim.tv_sec, source.st_atim.tv_nsec);
+        auto entry = std::make_shared<Entry>();
+        entry->name = std::string(path.substr(2));  // without the leading "./"
+        entry->mode = source.st_mode;
+        entry->modified = source.st_mtim.tv_sec;
         if (S_ISDIR(source.st_mode)) {
-            addFolder(item, parent, name, entryName + "/", path);
+            entry->name += "/";
+            addStoredEntry(entry, "", path);
+            if (!item.hasChildren) return;
+            Descriptor folder(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!folder.valid()) failOn(path, "open", errno);
+            folders_.push_back(std::move(folder));
         } else if (S_ISREG(source.st_mode)) {
-            addFile(item, parent, name, entryName, path);
+            addFile(entry, parent, name, path, static_cast<std::uint64_t>(source.st_size));
         } else if (S_ISLNK(source.st_mode)) {
-            addLink(item, parent, name, entryName, path);
+            addStoredEntry(entry, readLinkTarget(parent, name, source.st_size, path), path);
         } else {
             throw CopyError("cannot archive \"" + std::string(path) +
                             "\": only folders, files and links go into a zip archive");
         }
     }
 
-    void addFolder(const PlannedItem& item, int parent, const std::string& name, const std::string& entryName,
-                   std::string_view path) {
-        archive_entry_set_pathname(entry_.get(), entryName.c_str());
-        archive_entry_set_size(entry_.get(), 0);
-        writeHeader(path);
-        if (!item.hasChildren) return;
-        Descriptor folder(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!folder.valid()) failOn(path, "open", errno);
-        folders_.push_back(std::move(folder));
+    void addStoredEntry(const std::shared_ptr<Entry>& entry, std::string content, std::string_view path) {
+        entry->size = content.size();
+        std::promise<Compressed> ready;
+        Compressed stored;
+        stored.crc = static_cast<std::uint32_t>(crc32_z(0, reinterpret_cast<const Bytef*>(content.data()), content.size()));
+        stored.inputLength = content.size();
+        stored.bytes = std::move(content);
+        stored.stored = true;
+        ready.set_value(std::move(stored));
+        addStep({Step::Kind::begin, entry, {}, std::string(path)});
+        addStep({Step::Kind::data, entry, ready.get_future(), std::string(path)});
+        addStep({Step::Kind::end, entry, {}, std::string(path)});
     }
 
-    void addFile(const PlannedItem& item, int parent, const std::string& name, const std::string& entryName,
-                 std::string_view path) {
-        Descriptor file(::openat(parent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        if (!file.valid()) failOn(path, "open", errno);
-        archive_entry_set_pathname(entry_.get(), entryName.c_str());
-        archive_entry_set_size(entry_.get(), item.source.st_size);
-        writeHeader(path);
-        if (!buffer_) buffer_ = std::make_unique<char[]>(kReadBuffer);
-        // The header promised st_size bytes, so exactly that many go in.
-        for (off_t remaining = item.source.st_size; remaining > 0;) {
-            std::size_t wanted =
-                remaining < static_cast<off_t>(kReadBuffer) ? static_cast<std::size_t>(remaining) : kReadBuffer;
-            ssize_t got = ::read(file.get(), buffer_.get(), wanted);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) failOn(path, "read", errno);
-            if (got == 0) throw CopyError("\"" + std::string(path) + "\" shrank while it was being archived");
-            if (archive_write_data(archive_.get(), buffer_.get(), static_cast<std::size_t>(got)) < 0)
-                failToArchive(path);
-            failOnOutput();
-            remaining -= got;
+    void addFile(const std::shared_ptr<Entry>& entry, int parent, const std::string& name, std::string_view path,
+                 std::uint64_t size) {
+        auto file = std::make_shared<Descriptor>(
+            ::openat(parent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (!file->valid()) failOn(path, "open", errno);
+        entry->size = size;
+        entry->zip64 = size >= kZip64Threshold;
+        std::string where(path);
+        addStep({Step::Kind::begin, entry, {}, where});
+        if (size <= kLargestWholeFile) {
+            auto work = [file, size, where] { return compressWhole(readRange(file->get(), 0, size, where)); };
+            addStep({Step::Kind::data, entry, workers_.submit(work), where});
+        } else {
+            entry->method = kMethodDeflated;
+            for (std::uint64_t offset = 0; offset < size; offset += kPartSize) {
+                std::uint64_t length = std::min(kPartSize, size - offset);
+                bool last = offset + length == size;
+                auto work = [file, offset, length, last, where] {
+                    return compressPart(readRange(file->get(), offset, length, where), last);
+                };
+                addStep({Step::Kind::data, entry, workers_.submit(work), where});
+            }
+        }
+        addStep({Step::Kind::end, entry, {}, where});
+    }
+
+    void addStep(Step step) {
+        if (step.kind == Step::Kind::data) ++dataUnderWay_;
+        steps_.push_back(std::move(step));
+        while (dataUnderWay_ > mostUnderWay_) writeNextStep();
+    }
+
+    void writeNextStep() {
+        Step step = std::move(steps_.front());
+        steps_.pop_front();
+        Entry& entry = *step.entry;
+        switch (step.kind) {
+            case Step::Kind::begin:
+                entry.headerOffset = position_;
+                entryDataStart_ = 0;
+                break;
+            case Step::Kind::data: {
+                --dataUnderWay_;
+                Compressed piece = step.data.get();
+                if (entryDataStart_ == 0) {
+                    // The header goes out with the first piece, which tells the method of a
+                    // whole file; its sizes and checksum are filled in at the end.
+                    if (entry.method != kMethodDeflated)
+                        entry.method = piece.stored ? kMethodStored : kMethodDeflated;
+                    writeBytes(localHeader(entry));
+                    entryDataStart_ = position_;
+                }
+                entry.crc = static_cast<std::uint32_t>(crc32_combine64(entry.crc, piece.crc, static_cast<z_off64_t>(piece.inputLength)));
+                readSoFar_ += piece.inputLength;
+                writeBytes(piece.bytes);
+                break;
+            }
+            case Step::Kind::end:
+                if (entryDataStart_ == 0) {  // an entry without data pieces
+                    writeBytes(localHeader(entry));
+                    entryDataStart_ = position_;
+                }
+                if (readSoFar_ != entry.size)
+                    throw CopyError("\"" + step.path + "\" changed while it was being archived");
+                entry.compressedSize = position_ - entryDataStart_;
+                patchLocalHeader(entry);
+                central_ += centralHeader(entry);
+                ++entryCount_;
+                readSoFar_ = 0;
+                break;
         }
     }
 
-    void addLink(const PlannedItem& item, int parent, const std::string& name, const std::string& entryName,
-                 std::string_view path) {
-        archive_entry_set_pathname(entry_.get(), entryName.c_str());
-        archive_entry_set_size(entry_.get(), 0);
-        archive_entry_set_symlink(entry_.get(), readLinkTarget(parent, name, item.source.st_size, path).c_str());
-        writeHeader(path);
+    void patchLocalHeader(const Entry& entry) {
+        std::string header = localHeader(entry);
+        writeAt(header, entry.headerOffset);
     }
 
-    void writeHeader(std::string_view path) {
-        // A warning (such as a name that needed conversion) still writes the entry.
-        if (archive_write_header(archive_.get(), entry_.get()) < ARCHIVE_WARN) failToArchive(path);
-        failOnOutput();
+    void finishArchive() {
+        std::uint64_t directoryOffset = position_;
+        writeBytes(central_);
+        writeBytes(archiveEnd(entryCount_, directoryOffset, central_.size()));
     }
 
-    void check(int status, const char* action) {
-        failOnOutput();
-        if (status < ARCHIVE_WARN) throw CopyError("cannot " + std::string(action) + ": " + archiveMessage());
+    void writeBytes(std::string_view bytes) {
+        writeAt(bytes, position_);
+        position_ += bytes.size();
     }
 
-    [[noreturn]] void failToArchive(std::string_view path) {
-        failOnOutput();
-        throw CopyError("cannot archive \"" + std::string(path) + "\": " + archiveMessage());
-    }
-
-    void failOnOutput() const {
-        if (outputError_ != 0) failOn(archivePath_, "write", outputError_);
-    }
-
-    // The archive's bytes go out here. A failure is kept for failOnOutput() and the
-    // rest is dropped, but the archive is told all went well: an archive that failed
-    // in its writer cannot be closed, and closing is what frees its compressor.
-    static la_ssize_t writeOutput(archive*, void* self, const void* buffer, std::size_t length) {
-        auto* writer = static_cast<ZipWriter*>(self);
-        auto* bytes = static_cast<const char*>(buffer);
-        for (std::size_t done = 0; writer->outputError_ == 0 && done < length;) {
-            ssize_t written = ::write(writer->outputFd_, bytes + done, length - done);
+    void writeAt(std::string_view bytes, std::uint64_t offset) {
+        while (!bytes.empty()) {
+            ssize_t written = ::pwrite(output_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
             if (written < 0 && errno == EINTR) continue;
-            if (written < 0) writer->outputError_ = errno;
-            if (written > 0) done += static_cast<std::size_t>(written);
+            if (written < 0) failOn(outputPath_, "write", errno);
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+            offset += static_cast<std::uint64_t>(written);
         }
-        return static_cast<la_ssize_t>(length);
-    }
-
-    std::string archiveMessage() {
-        const char* message = archive_error_string(archive_.get());
-        return message ? message : "unknown archive error";
     }
 
     int sourceRoot_;
-    int outputFd_;
-    int outputError_ = 0;
-    std::string archivePath_;
-    std::unique_ptr<archive, ArchiveFree> archive_;
-    std::unique_ptr<archive_entry, EntryFree> entry_;
+    int output_;
+    std::string outputPath_;
+    WorkerPool workers_;
+    std::size_t mostUnderWay_;
+    std::size_t dataUnderWay_ = 0;
+    std::deque<Step> steps_;
     std::vector<Descriptor> folders_;  // the source root and the folders down to the current item
-    std::unique_ptr<char[]> buffer_;
+    std::uint64_t position_ = 0;
+    std::uint64_t entryDataStart_ = 0;
+    std::uint64_t readSoFar_ = 0;
+    std::string central_;
+    std::uint64_t entryCount_ = 0;
 };
 
 }  // namespace
@@ -230,4 +587,3 @@ void writeZipArchive(const std::vector<PlannedItem>& plan, int sourceRoot, const
 }
 
 }  // namespace whittle::copy
-

@@ -1,3 +1,4 @@
+#include "platform/diskimage/StopCleanup.hpp"
 #include "platform/diskimage/BlockTables.hpp"
 
 #include <zlib.h>
@@ -150,10 +151,12 @@ ScannedSectors scanSectors(std::string_view sectors, std::uint64_t dataForkOffse
         std::size_t first = std::min(i * partSize, sectors.size());
         std::string_view part = sectors.substr(first, std::min(partSize, sectors.size() - first));
         auto work = [&parts, i, part, offset = dataForkOffset + first] { SectorScanner(parts[i]).scan(part, offset); };
-        if (i + 1 == threads)
+        if (i + 1 == threads) {
             work();
-        else
+        } else {
+            StopSignalsBlocked stopsGoToTheMainThread;  // inherited by the worker
             workers.emplace_back(work);
+        }
     }
     for (auto& worker : workers) worker.join();
 
@@ -168,16 +171,51 @@ ScannedSectors scanSectors(std::string_view sectors, std::uint64_t dataForkOffse
 void BlockTableBuilder::addSectors(std::string_view sectors, std::uint64_t dataForkOffset) {
     if (!inEntry_ || sectors.size() % kSector != 0) throw DiskImageError("internal error: sectors outside an entry");
     ScannedSectors scanned = scanSectors(sectors, dataForkOffset);
-    std::vector<Chunk>& chunks = entries_.back().table.chunks;
-    for (Chunk chunk : scanned.chunks) {
-        chunk.firstSector += entrySectors_;
-        chunks.push_back(chunk);
-    }
-    entrySectors_ += sectors.size() / kSector;
-    if (!scanned.chunks.empty()) entryEnd_ = dataForkOffset + sectors.size();
+    for (const Chunk& chunk : scanned.chunks) appendChunk(chunk.type, chunk.sectorCount, chunk.storedOffset);
+    if (!sectors.empty()) entryEnd_ = dataForkOffset + sectors.size();
     entryCrc_ =
         static_cast<std::uint32_t>(crc32_combine64(entryCrc_, scanned.crc, static_cast<z_off64_t>(sectors.size())));
     zeroBytes_ += scanned.zeroBytes;
+}
+
+void BlockTableBuilder::addStoredSectors(std::uint64_t byteCount, std::uint64_t dataForkOffset, std::uint32_t crc) {
+    if (!inEntry_ || byteCount % kSector != 0) throw DiskImageError("internal error: sectors outside an entry");
+    appendChunk(fmt::chunks::kTypeRaw, byteCount / kSector, dataForkOffset);
+    entryCrc_ = static_cast<std::uint32_t>(crc32_combine64(entryCrc_, crc, static_cast<z_off64_t>(byteCount)));
+}
+
+void BlockTableBuilder::addZeroSectors(std::uint64_t sectors, std::uint64_t dataForkOffset) {
+    if (!inEntry_) throw DiskImageError("internal error: sectors outside an entry");
+    appendChunk(fmt::chunks::kTypeZeroFill, sectors, dataForkOffset);
+    entryCrc_ = crc32AppendZeros(entryCrc_, sectors * kSector);
+    zeroBytes_ += sectors * kSector;
+}
+
+void BlockTableBuilder::appendChunk(std::uint32_t type, std::uint64_t sectors, std::uint64_t dataForkOffset) {
+    std::vector<Chunk>& chunks = entries_.back().table.chunks;
+    const bool raw = type == fmt::chunks::kTypeRaw;
+    while (sectors > 0) {
+        Chunk* last = chunks.empty() ? nullptr : &chunks.back();
+        bool joins = last && last->type == type && last->sectorCount < kLargestChunk &&
+                     (raw ? last->storedOffset + last->storedLength == dataForkOffset : true);
+        if (!joins) {
+            Chunk chunk;
+            chunk.type = type;
+            chunk.firstSector = entrySectors_;
+            // Chunks without bytes still point at a real data-fork position: a reader that
+            // takes an offset of 0 as "relative to the previous entry" is never misled.
+            chunk.storedOffset = dataForkOffset;
+            chunks.push_back(chunk);
+            last = &chunks.back();
+        }
+        std::uint64_t step = std::min(sectors, kLargestChunk - last->sectorCount);
+        last->sectorCount += step;
+        if (raw) last->storedLength += step * kSector;
+        entrySectors_ += step;
+        sectors -= step;
+        if (raw) dataForkOffset += step * kSector;
+    }
+    entryEnd_ = raw ? dataForkOffset : std::max(entryEnd_, dataForkOffset);
 }
 
 void BlockTableBuilder::endEntry() {

@@ -33,6 +33,11 @@ public:
     // Adds whole sectors (a multiple of 512 bytes) to the current entry; their bytes
     // lie in the data fork at dataForkOffset.
     void addSectors(std::string_view sectors, std::uint64_t dataForkOffset);
+    // Adds byteCount bytes (whole sectors) already stored at dataForkOffset, whose
+    // CRC-32 is crc, without looking at them.
+    void addStoredSectors(std::uint64_t byteCount, std::uint64_t dataForkOffset, std::uint32_t crc);
+    // Adds sectors that read as zeros and take no bytes of the data fork.
+    void addZeroSectors(std::uint64_t sectors, std::uint64_t dataForkOffset);
     void endEntry();
 
     std::vector<BlockTableEntry>& entries() { return entries_; }
@@ -41,6 +46,10 @@ public:
     std::uint64_t zeroBytes() const { return zeroBytes_; }
 
 private:
+    // Adds a raw or zero-fill chunk to the current entry, joined to the previous one
+    // when that is of the same kind, adjacent and not yet of the largest size.
+    void appendChunk(std::uint32_t type, std::uint64_t sectors, std::uint64_t dataForkOffset);
+
     std::vector<BlockTableEntry> entries_;
     bool inEntry_ = false;
     std::uint64_t diskSectors_ = 0;

@@ -28,6 +28,9 @@ inline void writeBigEndian(std::string& bytes, std::size_t offset, std::uint64_t
         value >>= 8;
     }
 }
+inline void writeBig16(std::string& bytes, std::size_t offset, std::uint16_t value) {
+    writeBigEndian(bytes, offset, value, 2);
+}
 inline void writeBig32(std::string& bytes, std::size_t offset, std::uint32_t value) {
     writeBigEndian(bytes, offset, value, 4);
 }

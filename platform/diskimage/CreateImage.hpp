@@ -1,14 +1,12 @@
-// create: a read-only disk image of a folder. xorriso writes an ISO 9660 + HFS+ hybrid
-// of the folder straight into the new image file; the file is then turned, in place,
-// into a GUID-partitioned disk whose one partition is that HFS+ volume, described by
-// the image's chunk tables where its bytes already lie (so the volume's data is written
-// once). With encryption the finished image is then encrypted into the final file.
+// create: a read-only disk image of a folder: a GUID-partitioned disk whose one
+// partition is an HFS+ volume holding the folder, written in one pass (encrypted on
+// the way with -encryption). The same folder gives the same image, byte for byte; an
+// encrypted image differs only in its keys, salt and IVs.
 #pragma once
 
 #include <string>
 
 #include "platform/diskimage/Passphrase.hpp"
-#include "platform/diskimage/ToolSettings.hpp"
 
 namespace whittle::diskimage {
 
@@ -21,12 +19,11 @@ struct CreateOptions {
 // The image's path: the given one, with ".dmg" added when it has another extension.
 std::string imagePathFor(const std::string& requestedPath);
 
-// The volume name for a folder: its name, cut to the 32 bytes an ISO 9660 volume id
-// allows (at a character boundary), or "untitled".
+// The volume name for a folder: its name, cut to 32 bytes (at a character boundary),
+// or "untitled".
 std::string volumeNameFor(const std::string& folderPath);
 
 // Makes the image; answers its path. A failure leaves nothing behind.
-std::string createImage(const CreateOptions& options, const ToolSettings& settings,
-                        const PassphrasePrompt& askPassphrase);
+std::string createImage(const CreateOptions& options, const PassphrasePrompt& askPassphrase);
 
 }  // namespace whittle::diskimage

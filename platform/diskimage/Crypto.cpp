@@ -96,6 +96,14 @@ std::string hmacSha1(std::string_view key, std::string_view message) {
     return std::string(reinterpret_cast<const char*>(digest), length);
 }
 
+std::string sha256(std::string_view message) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(message.data(), message.size(), digest, &length, EVP_sha256(), nullptr) != 1)
+        cryptoFailure("SHA-256 failed");
+    return std::string(reinterpret_cast<const char*>(digest), length);
+}
+
 std::string tripleDesEncrypt(std::string_view key, std::string_view iv, std::string_view plaintext) {
     auto output = tripleDes(true, key, iv, plaintext);
     if (!output) cryptoFailure("triple DES encryption failed");

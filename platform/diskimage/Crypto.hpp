@@ -16,6 +16,8 @@ std::string pbkdf2HmacSha1(std::string_view passphrase, std::string_view salt, s
 
 std::string hmacSha1(std::string_view key, std::string_view message);
 
+std::string sha256(std::string_view message);
+
 // Triple DES (three keys, EDE) in CBC mode with PKCS#7 padding. Decryption answers
 // none when the padding is wrong, which is how a wrong passphrase shows.
 std::string tripleDesEncrypt(std::string_view key, std::string_view iv, std::string_view plaintext);

@@ -140,15 +140,6 @@ inline constexpr std::string_view kPrimaryGptTableType = "Primary GPT Table";
 inline constexpr std::string_view kBackupGptTableType = "Backup GPT Table";
 inline constexpr std::string_view kVolumePartitionName = "disk image";
 inline constexpr std::string_view kVolumePartitionType = "HFS+";
-
-// Where the disk's small structures lie in the image file: in front of the volume,
-// where xorriso's hybrid had its own partition map and ISO 9660 descriptors.
-inline constexpr std::uint64_t kMbrAt = 0;
-inline constexpr std::uint64_t kPrimaryHeaderAt = 512;
-inline constexpr std::uint64_t kPrimaryTableAt = 1024;  // its first sector; the rest is zeros
-inline constexpr std::uint64_t kBackupTableAt = 1536;
-inline constexpr std::uint64_t kBackupHeaderAt = 2048;
-inline constexpr std::uint64_t kFrontEnd = 2560;
 }  // namespace layout
 
 // ---- The image formats and ciphers that create writes ----
@@ -156,7 +147,7 @@ namespace create {
 inline constexpr std::string_view kReadOnlyFormat = "UDRO";
 inline constexpr std::string_view kCipher = "AES-128";
 inline constexpr std::string_view kImageExtension = ".dmg";
-// An ISO 9660 volume id, which also names the HFS+ volume, holds at most 32 bytes.
+// Volume names are cut to this many bytes.
 inline constexpr std::size_t kLongestVolumeName = 32;
 }  // namespace create
 
@@ -215,28 +206,99 @@ inline constexpr std::size_t kMbrSignatureOffset = 510;
 inline constexpr std::array<unsigned char, 2> kMbrSignature = {0x55, 0xAA};
 }  // namespace gpt
 
-// ---- Partition map of the hybrid image that the file-system builder writes ----
-namespace apm {
-inline constexpr std::string_view kDriverMapSignature = "ER";
-inline constexpr std::string_view kEntrySignature = "PM";
-inline constexpr std::size_t kDriverMapOffsetBlockSize = 2;
-inline constexpr std::size_t kEntryOffsetMapEntries = 4;
-inline constexpr std::size_t kEntryOffsetStartBlock = 8;
-inline constexpr std::size_t kEntryOffsetBlockCount = 12;
-inline constexpr std::size_t kEntryOffsetName = 16;
-inline constexpr std::size_t kEntryOffsetType = 48;
-inline constexpr std::size_t kTypeLength = 32;
-// The map lives in the system area, the first 32 KiB of the hybrid image.
-inline constexpr std::size_t kSystemAreaSize = 32768;
-// The HFS+ partition's type is "<maker>_HFS"; matched by its ending.
-inline constexpr std::string_view kHfsTypeSuffix = "_HFS";
-}  // namespace apm
-
-// ---- HFS+ volume header ----
+// ---- HFS+ volumes (all integers big-endian) ----
 namespace hfs {
 inline constexpr std::uint64_t kVolumeHeaderOffset = 1024;
+inline constexpr std::uint64_t kVolumeHeaderSize = 512;
+// The alternate volume header lies this far before the end of the volume.
+inline constexpr std::uint64_t kAlternateHeaderFromEnd = 1024;
 inline constexpr std::string_view kPlusSignature = "H+";
 inline constexpr std::string_view kExtendedSignature = "HX";
+inline constexpr std::uint16_t kPlusVersion = 4;
+inline constexpr std::uint32_t kBlockSize = 4096;
+inline constexpr std::uint32_t kNodeSize = 4096;  // of every B-tree written
+inline constexpr std::uint32_t kAttributeUnmounted = 1u << 8;  // cleanly unmounted
+// "10.0": the version of the implementation that last mounted the volume.
+inline constexpr std::uint32_t kLastMountedVersion = 0x31302E30;
+inline constexpr std::uint32_t kClumpSize = 65536;
+inline constexpr std::uint64_t kRomanEncodingBit = 1;  // text encoding 0, of every name written
+// Seconds from 1904-01-01 (HFS+ dates) to 1970-01-01 (POSIX times), both UTC.
+inline constexpr std::int64_t kDateOffset = 2082844800;
+
+// Volume header field offsets.
+inline constexpr std::size_t kHeaderSignature = 0;
+inline constexpr std::size_t kHeaderVersion = 2;
+inline constexpr std::size_t kHeaderAttributes = 4;
+inline constexpr std::size_t kHeaderLastMountedVersion = 8;
+inline constexpr std::size_t kHeaderCreateDate = 16;
+inline constexpr std::size_t kHeaderModifyDate = 20;
+inline constexpr std::size_t kHeaderCheckedDate = 28;
+inline constexpr std::size_t kHeaderFileCount = 32;
+inline constexpr std::size_t kHeaderFolderCount = 36;
+inline constexpr std::size_t kHeaderBlockSize = 40;
+inline constexpr std::size_t kHeaderTotalBlocks = 44;
+inline constexpr std::size_t kHeaderFreeBlocks = 48;
+inline constexpr std::size_t kHeaderNextAllocation = 52;
+inline constexpr std::size_t kHeaderResourceClumpSize = 56;
+inline constexpr std::size_t kHeaderDataClumpSize = 60;
+inline constexpr std::size_t kHeaderNextCatalogId = 64;
+inline constexpr std::size_t kHeaderWriteCount = 68;
+inline constexpr std::size_t kHeaderEncodingsBitmap = 72;
+inline constexpr std::size_t kHeaderVolumeIdentifier = 104;  // the last 8 bytes of the Finder information
+inline constexpr std::size_t kHeaderAllocationFile = 112;
+inline constexpr std::size_t kHeaderExtentsFile = 192;
+inline constexpr std::size_t kHeaderCatalogFile = 272;
+inline constexpr std::size_t kHeaderAttributesFile = 352;
+
+// Fork data (80 bytes): logical size, clump size, total blocks, eight extents.
+inline constexpr std::size_t kForkSize = 80;
+inline constexpr std::size_t kForkClumpSize = 8;
+inline constexpr std::size_t kForkTotalBlocks = 12;
+inline constexpr std::size_t kForkExtents = 16;
+
+// Catalog node IDs.
+inline constexpr std::uint32_t kRootParentId = 1;
+inline constexpr std::uint32_t kRootFolderId = 2;
+inline constexpr std::uint32_t kFirstUserId = 16;
+
+// Catalog records.
+inline constexpr std::uint16_t kFolderRecord = 1;
+inline constexpr std::uint16_t kFileRecord = 2;
+inline constexpr std::uint16_t kFolderThreadRecord = 3;
+inline constexpr std::uint16_t kFileThreadRecord = 4;
+inline constexpr std::size_t kFolderRecordSize = 88;
+inline constexpr std::size_t kFileRecordSize = 248;
+inline constexpr std::uint16_t kFileThreadExists = 0x0002;
+// Offsets shared by folder and file records.
+inline constexpr std::size_t kRecordFlags = 2;
+inline constexpr std::size_t kRecordValence = 4;  // folders only
+inline constexpr std::size_t kRecordId = 8;
+inline constexpr std::size_t kRecordDates = 12;  // create, content, attribute, access, backup
+inline constexpr std::size_t kRecordOwner = 32;
+inline constexpr std::size_t kRecordGroup = 36;
+inline constexpr std::size_t kRecordMode = 42;
+inline constexpr std::size_t kRecordSpecial = 44;
+inline constexpr std::size_t kRecordFinderInfo = 48;
+inline constexpr std::size_t kFileRecordDataFork = 88;
+// Owner and group of every item: "unknown", so that the image does not depend on who
+// made the folder.
+inline constexpr std::uint32_t kUnknownOwner = 99;
+// A symbolic link is a file of this type and creator whose data is its target.
+inline constexpr std::string_view kSymlinkType = "slnk";
+inline constexpr std::string_view kSymlinkCreator = "rhap";
+
+// B-trees.
+inline constexpr std::size_t kNodeDescriptorSize = 14;
+inline constexpr std::size_t kHeaderRecordSize = 106;
+inline constexpr std::size_t kUserDataRecordSize = 128;
+inline constexpr std::int8_t kLeafNode = -1;
+inline constexpr std::int8_t kIndexNode = 0;
+inline constexpr std::int8_t kHeaderNode = 1;
+inline constexpr std::uint32_t kBigKeys = 0x2;
+inline constexpr std::uint32_t kVariableIndexKeys = 0x4;
+inline constexpr std::uint16_t kCatalogLongestKey = 516;
+inline constexpr std::uint16_t kExtentsLongestKey = 10;
+inline constexpr std::uint16_t kAttributesLongestKey = 266;
 // Items the file system keeps at the root of a volume and hides on a mounted one;
 // the extractor writes them as ordinary entries, so attach removes them.
 inline constexpr std::array<std::string_view, 4> kHiddenRootItems = {
@@ -348,6 +410,11 @@ inline constexpr std::uint32_t kWrittenBlockSize = 512;
 inline constexpr std::uint64_t kWrittenDataOffset = 0x1DE00;
 inline constexpr std::uint64_t kWrittenRecordOffset = 0x60;
 inline constexpr std::uint32_t kWrittenIterations = 160000;
+// The master checksum of the inner image, readable without the key, in the header
+// area that is otherwise zeros: a marker, then a checksum record.
+inline constexpr std::size_t kClearChecksumOffset = 0x400;
+inline constexpr std::string_view kClearChecksumMarker = "CHECKSUM";
+inline constexpr std::size_t kClearChecksumEnd = kClearChecksumOffset + 8 + checksum::kRecordSize;
 
 // Readers refuse values outside these bounds as damaged or hostile (a key derivation
 // of the largest count takes a few seconds; only the first few password records are

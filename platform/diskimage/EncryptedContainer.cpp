@@ -169,6 +169,17 @@ std::string decryptRange(int fd, const EncryptedHeader& header, const ContainerK
     return bytes.substr(static_cast<std::size_t>(offset - firstBlock * header.blockSize), length);
 }
 
+std::optional<std::uint32_t> clearChecksumOf(int fd, const EncryptedHeader& header, const std::string& path) {
+    if (header.dataOffset < enc::kClearChecksumEnd) return std::nullopt;
+    std::string area = readAt(fd, enc::kClearChecksumOffset, enc::kClearChecksumEnd - enc::kClearChecksumOffset, path);
+    if (area.substr(0, enc::kClearChecksumMarker.size()) != enc::kClearChecksumMarker) return std::nullopt;
+    std::size_t record = enc::kClearChecksumMarker.size();
+    if (readBig32(area, record) != format::checksum::kTypeCrc32 ||
+        readBig32(area, record + 4) != format::checksum::kBitsCrc32)
+        return std::nullopt;
+    return readBig32(area, record + format::checksum::kValueOffset);
+}
+
 std::string keysAsHex(const ContainerKeys& keys) {
     static const char kDigits[] = "0123456789abcdef";
     std::string hex;
@@ -262,6 +273,15 @@ void EncryptingSink::encryptFullBlocks() {
     }
     writeAllAt(fd_, std::string_view(pending_).substr(0, whole), offset, path_);
     pending_.erase(0, whole);
+}
+
+void EncryptingSink::setClearChecksum(std::uint32_t masterChecksum) {
+    header_.resize(std::max(header_.size(), enc::kClearChecksumEnd), '\0');
+    writeText(header_, enc::kClearChecksumOffset, enc::kClearChecksumMarker);
+    std::size_t record = enc::kClearChecksumOffset + enc::kClearChecksumMarker.size();
+    writeBig32(header_, record, format::checksum::kTypeCrc32);
+    writeBig32(header_, record + 4, format::checksum::kBitsCrc32);
+    writeBig32(header_, record + format::checksum::kValueOffset, masterChecksum);
 }
 
 void EncryptingSink::finish() {

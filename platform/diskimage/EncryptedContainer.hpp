@@ -54,6 +54,9 @@ void decryptContainer(int fd, const EncryptedHeader& header, const ContainerKeys
 std::string decryptRange(int fd, const EncryptedHeader& header, const ContainerKeys& keys, std::uint64_t offset,
                          std::size_t length, const std::string& path);
 
+// The inner image's master checksum as recorded in the clear, if it is.
+std::optional<std::uint32_t> clearChecksumOf(int fd, const EncryptedHeader& header, const std::string& path);
+
 // The keys as vfdecrypt's -k wants them: AES key then HMAC key, in hex.
 std::string keysAsHex(const ContainerKeys& keys);
 
@@ -72,6 +75,9 @@ public:
     void write(std::string_view bytes) override;
     void finish() override;
     const ContainerKeys& keys() const { return keys_; }
+    // Records the inner image's master checksum in the clear part of the header
+    // (before finish()).
+    void setClearChecksum(std::uint32_t masterChecksum);
 
 private:
     void encryptFullBlocks();

@@ -42,6 +42,9 @@ std::string imageChecksumReport(const std::string& imagePath, const PassphrasePr
     auto fileSize = static_cast<std::uint64_t>(statusOf(fd.get(), imagePath).st_size);
     std::string trailerBytes;
     if (isEncryptedContainer(fd.get())) {
+        // Images this tool made carry the checksum in the clear; others need the key.
+        if (auto clear = clearChecksumOf(fd.get(), readEncryptedHeader(fd.get(), imagePath), imagePath))
+            return describe(ChecksumRecord::crc32(*clear));
         trailerBytes = trailerOfEncrypted(fd.get(), imagePath, askPassphrase);
     } else if (endsWithTrailer(fd.get(), fileSize)) {
         trailerBytes = readAt(fd.get(), fileSize - format::trailer::kSize, format::trailer::kSize, imagePath);

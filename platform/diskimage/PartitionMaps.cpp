@@ -2,64 +2,13 @@
 
 #include "platform/diskimage/Bytes.hpp"
 #include "platform/diskimage/Crc32.hpp"
-#include "platform/diskimage/Crypto.hpp"
-#include "platform/diskimage/DiskImageError.hpp"
 #include "platform/diskimage/DiskImageFormat.hpp"
 
 namespace whittle::diskimage {
 
 namespace fmt = format;
 
-// ---- reading the hybrid image's map ----
-
-std::vector<MappedPartition> readPartitionMap(std::string_view systemArea) {
-    namespace a = fmt::apm;
-    if (systemArea.size() < 2 * fmt::kSectorSize || systemArea.substr(0, 2) != a::kDriverMapSignature)
-        throw DiskImageError("the file system image has no partition map");
-    std::uint64_t blockSize = readBig16(systemArea, a::kDriverMapOffsetBlockSize);
-    if (blockSize != 512 && blockSize != 2048)
-        throw DiskImageError("the file system image has an unexpected block size");
-
-    std::vector<MappedPartition> partitions;
-    std::uint64_t mapEntries = 1;  // the first entry tells how many there are
-    for (std::uint64_t index = 1; index <= mapEntries; ++index) {
-        std::uint64_t offset = index * blockSize;
-        if (offset + blockSize > systemArea.size()) throw DiskImageError("the partition map is larger than expected");
-        std::string_view entry = systemArea.substr(offset, blockSize);
-        if (entry.substr(0, 2) != a::kEntrySignature) throw DiskImageError("the partition map is damaged");
-        if (index == 1) mapEntries = readBig32(entry, a::kEntryOffsetMapEntries);
-        MappedPartition partition;
-        partition.name = std::string(readTextField(entry, a::kEntryOffsetName, a::kTypeLength));
-        partition.type = std::string(readTextField(entry, a::kEntryOffsetType, a::kTypeLength));
-        partition.firstByte = std::uint64_t{readBig32(entry, a::kEntryOffsetStartBlock)} * blockSize;
-        partition.byteCount = std::uint64_t{readBig32(entry, a::kEntryOffsetBlockCount)} * blockSize;
-        partitions.push_back(std::move(partition));
-    }
-    return partitions;
-}
-
-MappedPartition findHfsPartition(const std::vector<MappedPartition>& partitions) {
-    const MappedPartition* found = nullptr;
-    for (const auto& partition : partitions) {
-        if (!partition.type.ends_with(fmt::apm::kHfsTypeSuffix)) continue;
-        if (found) throw DiskImageError("the file system image holds more than one HFS+ volume");
-        found = &partition;
-    }
-    if (!found || found->byteCount == 0) throw DiskImageError("the file system image holds no HFS+ volume");
-    return *found;
-}
-
 // ---- writing a GUID partition table ----
-
-std::string randomGuid() {
-    std::string guid = randomBytes(16);
-    // Byte 7 is the high byte of the little-endian time_hi_and_version field.
-    guid[7] = static_cast<char>((static_cast<unsigned char>(guid[7]) & 0x0F) | 0x40);
-    guid[8] = static_cast<char>((static_cast<unsigned char>(guid[8]) & 0x3F) | 0x80);
-    return guid;
-}
-
-GptDisk::GptDisk(std::uint64_t volumeSectors) : GptDisk(volumeSectors, randomGuid(), randomGuid()) {}
 
 GptDisk::GptDisk(std::uint64_t volumeSectors, std::string diskGuid, std::string partitionGuid)
     : volumeSectors_(volumeSectors), diskGuid_(std::move(diskGuid)), partitionGuid_(std::move(partitionGuid)) {}

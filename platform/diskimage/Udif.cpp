@@ -1,6 +1,5 @@
 #include "platform/diskimage/Udif.hpp"
 
-#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -369,40 +368,32 @@ bool hasOnlyRawChunks(const UdifImage& image) {
 
 namespace {
 
-class ReadOnlyMapping {
-public:
-    ReadOnlyMapping(int fd, std::uint64_t length, const std::string& path) : length_(static_cast<std::size_t>(length)) {
-        if (length_ == 0) return;
-        base_ = ::mmap(nullptr, length_, PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
-        if (base_ == MAP_FAILED) throwSystemError("cannot read \"" + path + "\"", errno);
-    }
-    ~ReadOnlyMapping() {
-        if (base_ != MAP_FAILED) ::munmap(base_, length_);
-    }
-    ReadOnlyMapping(const ReadOnlyMapping&) = delete;
-    ReadOnlyMapping& operator=(const ReadOnlyMapping&) = delete;
-    std::string_view bytes() const {
-        return base_ == MAP_FAILED ? std::string_view() : std::string_view(static_cast<const char*>(base_), length_);
-    }
+constexpr std::size_t kReadPiece = 1 << 20;
 
-private:
-    void* base_ = MAP_FAILED;
-    std::size_t length_;
-};
+// Extends a CRC-32 by length bytes of the file at offset, read a piece at a time.
+std::uint32_t crcOfStored(int fd, std::uint64_t offset, std::uint64_t length, std::uint32_t crc,
+                          const std::string& path) {
+    while (length > 0) {
+        std::size_t step = length < kReadPiece ? static_cast<std::size_t>(length) : kReadPiece;
+        crc = crc32Update(crc, readAt(fd, offset, step, path));
+        offset += step;
+        length -= step;
+    }
+    return crc;
+}
 
 }  // namespace
 
 void verifyRawImage(int fd, const UdifImage& image, const std::string& path) {
     namespace c = fmt::chunks;
-    ReadOnlyMapping file(fd, image.fileSize, path);
-    std::string_view dataFork = file.bytes().substr(image.trailer.dataForkOffset, image.trailer.dataForkLength);
+    const std::uint64_t dataFork = image.trailer.dataForkOffset;
     for (const auto& entry : image.entries) {
         if (!entry.table.checksum.isCrc32()) continue;
         std::uint32_t crc = 0;
         for (const Chunk& chunk : entry.table.chunks) {
             if (chunk.type == c::kTypeRaw)
-                crc =
-                    crc32Update(crc, dataFork.substr(entry.table.dataOffset + chunk.storedOffset, chunk.storedLength));
+                crc = crcOfStored(fd, dataFork + entry.table.dataOffset + chunk.storedOffset, chunk.storedLength, crc,
+                                  path);
             else if (chunk.type == c::kTypeZeroFill)
                 crc = crc32AppendZeros(crc, chunk.sectorCount * fmt::kSectorSize);
         }
@@ -410,7 +401,7 @@ void verifyRawImage(int fd, const UdifImage& image, const std::string& path) {
             throw DiskImageError("\"" + path + "\" is damaged: the checksum of \"" + entry.name + "\" does not match");
     }
     const ChecksumRecord& whole = image.trailer.dataForkChecksum;
-    if (whole.isCrc32() && crc32Update(0, dataFork) != whole.value)
+    if (whole.isCrc32() && crcOfStored(fd, dataFork, image.trailer.dataForkLength, 0, path) != whole.value)
         throw DiskImageError("\"" + path + "\" is damaged: the checksum of its data does not match");
 }
 

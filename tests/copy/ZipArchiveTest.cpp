@@ -2,9 +2,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <zlib.h>
+
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <random>
 #include <set>
+#include <thread>
 
 #include "CopyTestSupport.hpp"
 
@@ -172,4 +177,52 @@ TEST_F(ZipArchiveTest, ReplacesAnExistingArchive) {
     struct stat info {};
     ASSERT_EQ(::stat(archive.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0600, 0600u);
+}
+
+TEST_F(ZipArchiveTest, TheSameSourceGivesTheSameArchiveAnywhereAndAnyTime) {
+    ASSERT_EQ(copyIntoZip(bom, source, archive).status, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    std::string elsewhere = temp / "elsewhere/deeper/Bundle";
+    std::filesystem::create_directories(temp / "elsewhere/deeper");
+    run({"/bin/cp", "-a", source, elsewhere});
+    std::string second = temp / "second.zip";
+    ASSERT_EQ(copyIntoZip(bom, elsewhere, second).status, 0);
+    EXPECT_TRUE(readFile(archive) == readFile(second)) << "the two archives differ";
+
+    // The entry's time is the file's own.
+    setModificationTime(elsewhere + "/Info.txt", 1500000000);
+    std::string third = temp / "third.zip";
+    ASSERT_EQ(copyIntoZip(bom, elsewhere, third).status, 0);
+    EXPECT_FALSE(readFile(archive) == readFile(third));
+}
+
+TEST_F(ZipArchiveTest, LargeFilesAreDeflatedInPartsThatReadersJoin) {
+    // Compressible text, then random bytes, then text again: 11 MB in parts of 1 MB.
+    std::string content;
+    while (content.size() < (4u << 20)) content += "Firmware/all_flash/LLB.img4 and its manifest entry\n";
+    std::mt19937 random(7);
+    for (int i = 0; i < (3 << 20); ++i) content += static_cast<char>(random());
+    while (content.size() < (11u << 20) + 12345) content += "tail text of a large file\n";
+    writeFile(source + "/Firmware/large.bin", content);
+    writeBom(bom, {"./Firmware", "./Firmware/large.bin", "./Info.txt"});
+    ASSERT_EQ(copyIntoZip(bom, source, archive).status, 0);
+    EXPECT_LT(std::filesystem::file_size(archive), content.size() / 2);
+
+    EXPECT_NE(run({"/usr/bin/unzip", "-t", archive}).find("No errors detected"), std::string::npos);
+    EXPECT_TRUE(run({"/usr/bin/unzip", "-p", archive, "Firmware/large.bin"}) == content);
+    if (::access("/usr/bin/7zz", X_OK) == 0) {
+        EXPECT_NE(run({"/usr/bin/7zz", "t", archive}).find("Everything is Ok"), std::string::npos);
+    }
+    if (::access("/usr/bin/python3", X_OK) == 0) {
+        std::string script =
+            "import sys, zipfile, zlib\n"
+            "z = zipfile.ZipFile(sys.argv[1])\n"
+            "data = z.read('Firmware/large.bin')\n"
+            "print(len(data), zlib.crc32(data), z.testzip())\n";
+        std::string expected = std::to_string(content.size()) + " " +
+                               std::to_string(crc32(0, reinterpret_cast<const Bytef*>(content.data()),
+                                                    static_cast<uInt>(content.size()))) +
+                               " None\n";
+        EXPECT_EQ(run({"/usr/bin/python3", "-c", script, archive}), expected);
+    }
 }

@@ -1,6 +1,6 @@
 // whittle-diskimage stopped half-way through create or attach (SIGINT, SIGTERM,
 // SIGHUP, or its caller killed) leaves no partial image, no work folder and no
-// volume, and no xorriso or 7zz running; a read-only or full destination fails with
+// volume, and no 7zz running; a read-only or full destination fails with
 // the system's reason and leaves nothing.
 #include <gtest/gtest.h>
 
@@ -98,7 +98,11 @@ class CreateStopTest : public DiskImageStopTest {
 protected:
     void SetUp() override {
         source = temp / "src";
-        makeSparseFile(source + "/big.bin", 4ull << 30);  // xorriso reads it for seconds
+        // Written out, not sparse: copying it into the image takes a while.
+        std::filesystem::create_directories(source);
+        std::ofstream big(source + "/big.bin", std::ios::binary);
+        std::string block(1 << 20, 'Z');
+        for (int i = 0; i < 768; ++i) big.write(block.data(), static_cast<std::streamsize>(block.size()));
         image = temp / "big.dmg";
     }
 
@@ -110,7 +114,7 @@ protected:
     std::string source, image;
 };
 
-TEST_F(CreateStopTest, AStoppedCreateLeavesNoImageAndNoXorriso) {
+TEST_F(CreateStopTest, AStoppedCreateLeavesNoImage) {
     for (Moment moment : {Moment::atStart, Moment::outputAppeared, Moment::childAtWork}) {
         for (int signalNumber : kStopSignals) {
             SCOPED_TRACE(std::string(nameOf(moment)) + ", signal " + std::to_string(signalNumber));
@@ -121,32 +125,28 @@ TEST_F(CreateStopTest, AStoppedCreateLeavesNoImageAndNoXorriso) {
                                                kMomentLimit));
             }
             if (moment == Moment::childAtWork) {
+                // The image is being written.
                 ASSERT_TRUE(waitUntil(
                     [&] { return totalSizeOf(temp.path(), ".big.dmg.") >= kGrowingImage || tool.hasEnded(); },
                     kMomentLimit));
             }
-            std::vector<pid_t> children = expectCleanStop(tool, signalNumber);
-            if (moment == Moment::childAtWork) {
-                EXPECT_FALSE(children.empty()) << "xorriso was not running";
-            }
+            expectCleanStop(tool, signalNumber);
             expectNoImage();
         }
     }
-    // Nothing appears later either: no xorriso went on writing.
+    // Nothing appears later either.
     std::this_thread::sleep_for(500ms);
     expectNoImage();
 }
 
-TEST_F(CreateStopTest, ACreateDiesWithItsCallerAndXorrisoWithIt) {
+TEST_F(CreateStopTest, ACreateDiesWithItsCaller) {
     OrphanReaper reaper;
     StandInCaller caller(createArguments(source, image));
     ASSERT_TRUE(waitUntil([&] { return totalSizeOf(temp.path(), ".big.dmg.") >= kGrowingImage; }, kMomentLimit));
     std::vector<pid_t> processes = descendantsOf(caller.helperPid());
-    ASSERT_FALSE(processes.empty()) << "xorriso was not running";
     processes.push_back(caller.helperPid());
     caller.killCaller();
     EXPECT_EQ(stillAliveAfter(processes, 2000ms), std::vector<pid_t>{});
-    EXPECT_EQ(membersOfGroups(processes), std::vector<pid_t>{});
     expectNoImage();
     std::this_thread::sleep_for(500ms);
     expectNoImage();

@@ -284,32 +284,6 @@ TEST(DiskImageGpt, HeadersCarryValidChecksumsAndCoverTheVolume) {
     EXPECT_EQ(static_cast<unsigned char>(mbr[511]), 0xAA);
 }
 
-TEST(DiskImagePartitionMap, FindsTheHfsVolumeOfAHybrid) {
-    std::string area(32768, '\0');
-    area.replace(0, 2, "ER");
-    dmg::writeBigEndian(area, 2, 512, 2);
-    auto entry = [&](int index, const char* name, const char* type, std::uint32_t start, std::uint32_t count) {
-        std::size_t at = static_cast<std::size_t>(index) * 512;
-        area.replace(at, 2, "PM");
-        dmg::writeBig32(area, at + 4, 3);
-        dmg::writeBig32(area, at + 8, start);
-        dmg::writeBig32(area, at + 12, count);
-        area.replace(at + 16, std::strlen(name), name);
-        area.replace(at + 48, std::strlen(type), type);
-    };
-    entry(1, "Maker", "Maker_partition_map", 1, 3);
-    entry(2, "Gap0", "ISO9660_data", 64, 64);
-    entry(3, "HFSPLUS_Hybrid", "Maker_HFS", 128, 648);
-    auto partitions = dmg::readPartitionMap(area);
-    ASSERT_EQ(partitions.size(), 3u);
-    dmg::MappedPartition hfs = dmg::findHfsPartition(partitions);
-    EXPECT_EQ(hfs.firstByte, 128u * 512u);
-    EXPECT_EQ(hfs.byteCount, 648u * 512u);
-    EXPECT_THROW(dmg::readPartitionMap(std::string(32768, '\0')), dmg::DiskImageError);
-    dmg::writeBig32(area, 512 + 4, 100000);  // a map claiming more entries than fit
-    EXPECT_THROW(dmg::readPartitionMap(area), dmg::DiskImageError);
-}
-
 TEST(DiskImageEntities, PlansGuidAndPartitionMapImages) {
     auto imageNamed = [](std::vector<std::string> names) {
         dmg::UdifImage image;

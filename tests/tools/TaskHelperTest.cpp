@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
@@ -265,4 +268,59 @@ TEST(RunTool, WithoutAProgressLineTheChannelsRecordsGoNowhere) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(run.out, "line 1\nline 2\n");
     EXPECT_EQ(run.err, "");
+}
+
+TEST(RunTool, LaunchErrorIsHandedBackWithTheStatus) {
+    testing::internal::CaptureStderr();
+    int launchError = 0;
+    std::vector<std::string> arguments;
+    EXPECT_EQ(runTool("/no/such/tool", &arguments, nullptr, nullptr, nullptr, false, &launchError), 1);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(launchError, ENOENT);
+    EXPECT_EQ(probe({"exit", "3"}).status, 3);
+}
+
+TEST(RunTool, StoppingToolsEndsTheRunningOneAndRefusesNewOnesUntilAllowed) {
+    auto start = std::chrono::steady_clock::now();
+    std::thread stopper([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        whittle::stopRunningTools();
+    });
+    ToolRun stopped = probe({"late", "20000", "never"});
+    stopper.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(stopped.status, SIGTERM);
+    EXPECT_EQ(stopped.out, "");
+    // A tool started after the stop is stopped at once.
+    EXPECT_EQ(probe({"late", "20000", "never"}).status, SIGTERM);
+    whittle::allowTools();
+    EXPECT_EQ(probe({"exit", "0"}).status, 0);
+}
+
+TEST(RunTool, ToolsDieWithTheProcessThatStartedThem) {
+    // A stand-in for whittle: a process that starts a long tool and is then killed.
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t runner = ::fork();
+    if (runner == 0) {
+        ::close(ready[0]);
+        std::thread announce([fd = ready[1]] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            [[maybe_unused]] auto ignored = ::write(fd, "x", 1);
+        });
+        probe({"late", "20000", "never"});
+        ::_exit(0);
+    }
+    ::close(ready[1]);
+    char byte;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ::kill(runner, SIGKILL);
+    ::waitpid(runner, nullptr, 0);
+    bool toolGone = false;
+    for (int wait = 0; wait < 100 && !toolGone; ++wait) {
+        toolGone = whittle::test::runProgram({"/usr/bin/pgrep", "-f", kProbe + " late 20000"}).status != 0;
+        if (!toolGone) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_TRUE(toolGone);
 }
