@@ -90,7 +90,7 @@ void run(const Request& request, mode_t umaskAtStart, whittle::helper::ProgressR
     Descriptor source = openSourceFolder(request.source);
     std::vector<whittle::copy::PlannedItem> plan = whittle::copy::planCopy(paths, source.get());
     if (request.mode == Mode::zip) {
-        whittle::copy::writeZipArchive(plan, source.get(), request.destination, 0666 & ~umaskAtStart);
+        whittle::copy::writeZipArchive(plan, source.get(), request.destination, 0666 & ~umaskAtStart, progress);
         return;
     }
     whittle::copy::Destination destination(request.destination, 0777 & ~umaskAtStart);
