@@ -50,14 +50,17 @@ protected:
         x30.product = "x30";
         x30.factoryVariants = {"repair"};
         plan.products = {x10, x30};
-        // About 0.8 GB to copy for x10 / repair (a hole in the source, data in the copy).
-        plan.bytesPerFile = 80'000'000;
+        plan.bytesPerFile = bytesPerFile();
         plan.sparseFiles = true;
         bundlegen::generateBundle(dir / "bundle", plan);
     }
 
-    ProgramResult whittle(std::vector<std::string> extra, bool stderrOnTerminal) {
-        std::vector<std::string> arguments{dir / "bundle", dir / "stripped", "--product", "x10", "--factory", "repair"};
+    // About 0.8 GB to copy for x10 / repair (a hole in the source, data in the copy),
+    // so that the copy takes a while.
+    virtual std::uint64_t bytesPerFile() const { return 80'000'000; }
+
+    ProgramResult whittle(std::vector<std::string> extra, bool stderrOnTerminal, const std::string& target = "stripped") {
+        std::vector<std::string> arguments{dir / "bundle", dir / target, "--product", "x10", "--factory", "repair"};
         arguments.insert(arguments.end(), extra.begin(), extra.end());
         RunOptions options;
         options.stderrOnTerminal = stderrOnTerminal;
@@ -66,6 +69,22 @@ protected:
     }
 
     TempDir dir;
+};
+
+// For the other target kinds it is enough that each step's line is drawn and erased.
+class ProgressLineOfEachStep : public ProgressLineRun {
+protected:
+    std::uint64_t bytesPerFile() const override { return 4'000'000; }
+
+    // The steps whose lines were drawn, in order, each once.
+    static std::vector<std::string> stepsDrawn(const std::string& terminal) {
+        std::vector<std::string> steps;
+        for (const std::string& line : drawnLines(terminal)) {
+            std::string step = line.substr(0, line.find("  "));
+            if (steps.empty() || steps.back() != step) steps.push_back(step);
+        }
+        return steps;
+    }
 };
 
 }  // namespace
@@ -106,5 +125,22 @@ TEST_F(ProgressLineRun, VerboseListingStaysWholeBesideTheLine) {
     EXPECT_NE(std::find(listed.begin(), listed.end(), "./Restore/kernelcache.release.x10"), listed.end()) << shown.out;
     EXPECT_EQ(listed, listedPaths(quiet.out));
     EXPECT_FALSE(contains(shown.out, "\x1b[K"));
+    EXPECT_FALSE(contains(readFile(kLogFile), "\x1b[K"));
+}
+
+TEST_F(ProgressLineOfEachStep, ZipTargetShowsTheArchivingAndErasesIt) {
+    ProgramResult run = whittle({}, true, "stripped.zip");
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(stepsDrawn(run.err), std::vector<std::string>{"zipping"}) << run.err;
+    EXPECT_TRUE(run.err.ends_with(kErase)) << run.err;
+    EXPECT_TRUE(run.out.starts_with("MD5(")) << run.out;
+}
+
+TEST_F(ProgressLineOfEachStep, DiskImageTargetShowsTheCopyThenTheImage) {
+    ProgramResult run = whittle({}, true, "stripped.dmg");
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(stepsDrawn(run.err), (std::vector<std::string>{"copying", "writing image"})) << run.err;
+    EXPECT_TRUE(run.err.ends_with(kErase)) << run.err;
+    EXPECT_TRUE(contains(run.out, "Checksum Value:")) << run.out;
     EXPECT_FALSE(contains(readFile(kLogFile), "\x1b[K"));
 }
