@@ -1,10 +1,16 @@
 #include "driver/ToolRuns.hpp"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "driver/CommandLine.hpp"
 #include "support/FileSystem.hpp"
 #include "support/LogObject.hpp"
+#include "tools/ProgressLine.hpp"
 #include "tools/TaskHelper.hpp"
 
 namespace whittle {
@@ -35,13 +41,26 @@ std::vector<std::string> nonEmptyLinesOf(const std::string& text) {
     return lines;
 }
 
+void writeToStandardError(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
+
+std::size_t terminalColumns(int fd) {
+    winsize size{};
+    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
 }  // namespace
 
 int runPlatformTool(const std::string& path, const std::vector<std::string>& arguments, std::string* standardOutput,
                     const char* workingDirectory) {
     lastOutcome = ToolOutcome{path, {}, 0};
+    // Progress is drawn only for a person watching; it never reaches the log.
+    std::optional<ProgressLine> progressLine;
+    if (::isatty(STDERR_FILENO) == 1) progressLine.emplace(writeToStandardError, terminalColumns(STDERR_FILENO));
     return runTool(path.c_str(), &arguments, workingDirectory, standardOutput, &lastOutcome.standardError,
-                   verboseMode == 1, &lastOutcome.launchError);
+                   verboseMode == 1, &lastOutcome.launchError, progressLine ? &*progressLine : nullptr);
 }
 
 void explainLastToolFailure() {

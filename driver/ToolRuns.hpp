@@ -6,8 +6,10 @@
 
 namespace whittle {
 
-// Runs the tool through runTool with the verbose flag of the command line. Answers
-// the tool's status (a tool started after a stop signal is stopped at once).
+// Runs the tool through runTool with the verbose flag of the command line, and, when
+// standard error is a terminal, with a live progress line there for the tool's
+// progress channel. Answers the tool's status (a tool started after a stop signal is
+// stopped at once).
 int runPlatformTool(const std::string& path, const std::vector<std::string>& arguments,
                     std::string* standardOutput = nullptr, const char* workingDirectory = nullptr);
 

@@ -80,6 +80,18 @@ std::vector<PlannedItem> planCopy(const bom::BomPaths& paths, int sourceRoot) {
     return plan;
 }
 
+bool countsAsFile(const PlannedItem& item) { return !S_ISDIR(item.source.st_mode); }
+
+CopyTotals totalsOf(const std::vector<PlannedItem>& plan) {
+    CopyTotals totals;
+    for (const PlannedItem& item : plan) {
+        if (!countsAsFile(item)) continue;
+        ++totals.files;
+        if (S_ISREG(item.source.st_mode)) totals.bytes += static_cast<std::uint64_t>(item.source.st_size);
+    }
+    return totals;
+}
+
 std::string_view PlanPath::enter(const PlannedItem& item) {
     lengths_.resize(item.depth);
     path_.resize(lengths_.empty() ? 0 : lengths_.back());

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,6 +30,15 @@ struct PlannedItem {
 // The type byte a BOM records is not used: a simple BOM's types are guessed from
 // its file list, so what the source really holds decides how each path is copied.
 std::vector<PlannedItem> planCopy(const bom::BomPaths& paths, int sourceRoot);
+
+// How much a plan copies: every item but a folder counts as a file, and the bytes are
+// the regular files' sizes as planned.
+struct CopyTotals {
+    std::uint64_t files = 0;
+    std::uint64_t bytes = 0;
+};
+CopyTotals totalsOf(const std::vector<PlannedItem>& plan);
+bool countsAsFile(const PlannedItem& item);
 
 // Rebuilds "./a/b" paths while going through a plan in order.
 class PlanPath {

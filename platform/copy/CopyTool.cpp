@@ -15,6 +15,7 @@
 #include "platform/copy/CopyPlan.hpp"
 #include "platform/copy/FolderCopy.hpp"
 #include "platform/copy/ZipArchive.hpp"
+#include "platform/helper/ProgressReporter.hpp"
 #include "platform/helper/StopCleanup.hpp"
 
 namespace {
@@ -84,17 +85,17 @@ void refuseSameFolder(int source, int destination) {
         throw CopyError("the source and destination are the same folder");
 }
 
-void run(const Request& request, mode_t umaskAtStart) {
+void run(const Request& request, mode_t umaskAtStart, whittle::helper::ProgressReporter& progress) {
     whittle::bom::BomPaths paths = whittle::bom::BomPaths::load(request.bomPath);
     Descriptor source = openSourceFolder(request.source);
     std::vector<whittle::copy::PlannedItem> plan = whittle::copy::planCopy(paths, source.get());
     if (request.mode == Mode::zip) {
-        whittle::copy::writeZipArchive(plan, source.get(), request.destination, 0666 & ~umaskAtStart);
+        whittle::copy::writeZipArchive(plan, source.get(), request.destination, 0666 & ~umaskAtStart, progress);
         return;
     }
     whittle::copy::Destination destination(request.destination, 0777 & ~umaskAtStart);
     refuseSameFolder(source.get(), destination.fd());
-    whittle::copy::copyIntoFolder(plan, source.get(), destination, stdout);
+    whittle::copy::copyIntoFolder(plan, source.get(), destination, stdout, progress);
     destination.keep();
 }
 
@@ -102,6 +103,7 @@ void run(const Request& request, mode_t umaskAtStart) {
 
 int main(int argc, char** argv) {
     whittle::helper::tieToCaller();
+    auto progress = whittle::helper::ProgressReporter::fromEnvironment();
     // Everything is created with the source's exact modes.
     mode_t umaskAtStart = ::umask(0);
     std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
@@ -120,7 +122,7 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, outputBuffer, _IOFBF, sizeof outputBuffer);
     int status = 0;
     try {
-        run(request, umaskAtStart);
+        run(request, umaskAtStart, progress);
     } catch (const CopyError& error) {
         std::fprintf(stderr, "whittle-copy: %s\n", error.what());
         status = kFailure;
@@ -131,7 +133,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "whittle-copy: out of memory\n");
         status = kFailure;
     }
-    if (std::fflush(stdout) != 0 && status == 0) {
+    // The listing is flushed line by line, so a failed write may have been an earlier one.
+    if ((std::fflush(stdout) != 0 || std::ferror(stdout)) && status == 0) {
         std::fprintf(stderr, "whittle-copy: cannot write to standard output\n");
         status = kFailure;
     }

@@ -34,24 +34,32 @@ std::string relativePathOf(std::string_view planPath) {
 
 class FolderCopier {
 public:
-    FolderCopier(int sourceRoot, Destination& destination, std::FILE* verboseOut)
-        : sourceRoot_(sourceRoot), destination_(destination), verboseOut_(verboseOut) {}
+    FolderCopier(int sourceRoot, Destination& destination, std::FILE* verboseOut, helper::ProgressReporter& progress)
+        : sourceRoot_(sourceRoot), destination_(destination), verboseOut_(verboseOut), progress_(progress) {}
 
     void copy(const std::vector<PlannedItem>& plan) {
+        CopyTotals totals = totalsOf(plan);
+        progress_.begin("copying", totals.files, totals.bytes);
         PlanPath planPath;
         for (const PlannedItem& item : plan) {
             std::string_view path = planPath.enter(item);
             finishFoldersDeeperThan(item.depth);
             copyItem(item, path);
-            if (verboseOut_) {
-                std::fwrite(path.data(), 1, path.size(), verboseOut_);
-                std::fputc('\n', verboseOut_);
-            }
+            if (countsAsFile(item)) progress_.advance(1, 0);
+            if (verboseOut_) list(path);
         }
         finishFoldersDeeperThan(0);
+        progress_.end();
     }
 
 private:
+    // Each line goes out at once, so that a caller echoing the listing shows it live.
+    void list(std::string_view path) {
+        std::fwrite(path.data(), 1, path.size(), verboseOut_);
+        std::fputc('\n', verboseOut_);
+        std::fflush(verboseOut_);
+    }
+
     struct OpenFolder {
         Descriptor source;  // open only when the BOM lists contents inside it
         Descriptor destination;
@@ -209,6 +217,7 @@ private:
             ssize_t moved = ::copy_file_range(from, nullptr, to, nullptr, kCopyRangeChunk, 0);
             if (moved > 0) {
                 copied += moved;
+                progress_.advance(0, static_cast<std::uint64_t>(moved));
                 continue;
             }
             // Some file systems report nothing to copy for files that do have data.
@@ -235,6 +244,7 @@ private:
                 if (written < 0 && errno == EINTR) continue;
                 if (written < 0) failInDestination(path, "write", errno);
                 done += written;
+                progress_.advance(0, static_cast<std::uint64_t>(written));
             }
         }
     }
@@ -284,6 +294,7 @@ private:
     int sourceRoot_;
     Destination& destination_;
     std::FILE* verboseOut_;
+    helper::ProgressReporter& progress_;
     std::vector<OpenFolder> openFolders_;
     std::unique_ptr<char[]> buffer_;
     bool copyRangeWorks_ = true;
@@ -341,8 +352,8 @@ void Destination::keep() {
 }
 
 void copyIntoFolder(const std::vector<PlannedItem>& plan, int sourceRoot, Destination& destination,
-                    std::FILE* verboseOut) {
-    FolderCopier(sourceRoot, destination, verboseOut).copy(plan);
+                    std::FILE* verboseOut, helper::ProgressReporter& progress) {
+    FolderCopier(sourceRoot, destination, verboseOut, progress).copy(plan);
 }
 
 }  // namespace whittle::copy

@@ -10,6 +10,7 @@
 
 #include "platform/copy/CopyCommon.hpp"
 #include "platform/copy/CopyPlan.hpp"
+#include "platform/helper/ProgressReporter.hpp"
 
 namespace whittle::copy {
 
@@ -46,9 +47,10 @@ private:
 // nothing outside the destination is touched; an existing file in the way is
 // replaced, not written through. Every item made directly inside a folder that
 // existed before is registered with the destination, to be removed on failure or
-// stop. When verboseOut is set, prints each copied path there. Expects the process
-// umask to be 0, so that modes come out exact. Throws CopyError.
+// stop. When verboseOut is set, prints each copied path there, a whole line at a time,
+// as soon as it is copied. Reports the files and bytes copied as the step "copying".
+// Expects the process umask to be 0, so that modes come out exact. Throws CopyError.
 void copyIntoFolder(const std::vector<PlannedItem>& plan, int sourceRoot, Destination& destination,
-                    std::FILE* verboseOut);
+                    std::FILE* verboseOut, helper::ProgressReporter& progress);
 
 }  // namespace whittle::copy

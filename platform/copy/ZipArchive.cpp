@@ -383,14 +383,17 @@ private:
 // under way so that memory stays bounded.
 class ZipWriter {
 public:
-    ZipWriter(int sourceRoot, int outputFd, const std::string& outputPath)
+    ZipWriter(int sourceRoot, int outputFd, const std::string& outputPath, helper::ProgressReporter& progress)
         : sourceRoot_(sourceRoot),
           output_(outputFd),
           outputPath_(outputPath),
+          progress_(progress),
           workers_(std::max(1u, std::thread::hardware_concurrency())),
           mostUnderWay_(4 * std::max(1u, std::thread::hardware_concurrency())) {}
 
     void write(const std::vector<PlannedItem>& plan) {
+        CopyTotals totals = totalsOf(plan);
+        progress_.begin("zipping", totals.files, totals.bytes);
         PlanPath planPath;
         for (const PlannedItem& item : plan) {
             std::string_view path = planPath.enter(item);
@@ -404,6 +407,7 @@ public:
         folders_.clear();
         while (!steps_.empty()) writeNextStep();
         finishArchive();
+        progress_.end();
     }
 
 private:
@@ -515,6 +519,7 @@ private:
                 entry.crc = static_cast<std::uint32_t>(crc32_combine64(entry.crc, piece.crc, static_cast<z_off64_t>(piece.inputLength)));
                 readSoFar_ += piece.inputLength;
                 writeBytes(piece.bytes);
+                if (S_ISREG(entry.mode)) progress_.advance(0, piece.inputLength);
                 break;
             }
             case Step::Kind::end:
@@ -529,6 +534,7 @@ private:
                 central_ += centralHeader(entry);
                 ++entryCount_;
                 readSoFar_ = 0;
+                if (!S_ISDIR(entry.mode)) progress_.advance(1, 0);
                 break;
         }
     }
@@ -562,6 +568,7 @@ private:
     int sourceRoot_;
     int output_;
     std::string outputPath_;
+    helper::ProgressReporter& progress_;
     WorkerPool workers_;
     std::size_t mostUnderWay_;
     std::size_t dataUnderWay_ = 0;
@@ -577,10 +584,10 @@ private:
 }  // namespace
 
 void writeZipArchive(const std::vector<PlannedItem>& plan, int sourceRoot, const std::string& archivePath,
-                     mode_t newFileMode) {
+                     mode_t newFileMode, helper::ProgressReporter& progress) {
     TemporaryFile output(archivePath);
     {
-        ZipWriter writer(sourceRoot, output.fd(), archivePath);
+        ZipWriter writer(sourceRoot, output.fd(), archivePath, progress);
         writer.write(plan);
     }
     output.commit(newFileMode);

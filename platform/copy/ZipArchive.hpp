@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/copy/CopyPlan.hpp"
+#include "platform/helper/ProgressReporter.hpp"
 
 namespace whittle::copy {
 
@@ -15,8 +16,8 @@ namespace whittle::copy {
 // renamed into place only when complete, so a failure leaves no archive. Source
 // items are opened one component at a time below the source root's descriptor,
 // never through a symbolic link. newFileMode is the mode of the finished archive.
-// Throws CopyError.
+// Reports the files and bytes archived as the step "zipping". Throws CopyError.
 void writeZipArchive(const std::vector<PlannedItem>& plan, int sourceRoot, const std::string& archivePath,
-                     mode_t newFileMode);
+                     mode_t newFileMode, helper::ProgressReporter& progress);
 
 }  // namespace whittle::copy

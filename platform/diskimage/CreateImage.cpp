@@ -67,13 +67,16 @@ std::string createImage(const CreateOptions& options, const PassphrasePrompt& as
 
     HfsVolumePlan volume(sourceFolder, volumeNameFor(sourceFolder));
     TemporaryFile image(imagePath);
+    // Only once the passphrase has been asked for: nothing is drawn over its prompt.
+    helper::ProgressReporter noProgress;
+    helper::ProgressReporter& progress = options.progress ? *options.progress : noProgress;
     if (!options.encrypt) {
         FileImageOutput output(image.fd(), image.path());
-        writeImage(volume, output);
+        writeImage(volume, output, progress);
     } else {
         EncryptingSink sink(image.fd(), imagePath, passphrase);
         EncryptedImageOutput output(sink);
-        sink.setClearChecksum(writeImage(volume, output));
+        sink.setClearChecksum(writeImage(volume, output, progress));
         sink.finish();
     }
     image.commit();

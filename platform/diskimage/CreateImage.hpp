@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/diskimage/Passphrase.hpp"
+#include "platform/helper/ProgressReporter.hpp"
 
 namespace whittle::diskimage {
 
@@ -14,6 +15,7 @@ struct CreateOptions {
     std::string sourceFolder;
     std::string imagePath;
     bool encrypt = false;
+    helper::ProgressReporter* progress = nullptr;  // told the files and bytes written; none: nobody
 };
 
 // The image's path: the given one, with ".dmg" added when it has another extension.

@@ -96,7 +96,7 @@ int attachVerb(Arguments arguments, const ToolSettings& settings, const Passphra
     return 0;
 }
 
-int createVerb(Arguments arguments, const PassphrasePrompt& ask, std::ostream& out) {
+int createVerb(Arguments arguments, const ToolSettings& settings, const PassphrasePrompt& ask, std::ostream& out) {
     CreateOptions options;
     std::optional<std::string> image, folder, imageFormat;
     while (!arguments.atEnd()) {
@@ -125,6 +125,7 @@ int createVerb(Arguments arguments, const PassphrasePrompt& ask, std::ostream& o
                              " can be written");
     options.sourceFolder = *folder;
     options.imagePath = *image;
+    options.progress = settings.progress;
     std::string created = createImage(options, ask);
     out << "created: " << created << '\n';
     return 0;
@@ -167,7 +168,7 @@ int runVerb(const std::vector<std::string>& arguments, const ToolSettings& setti
     if (arguments.empty()) throw UsageError("no verb given");
     const std::string& verb = arguments[0];
     if (verb == "attach") return attachVerb(Arguments(arguments), settings, ask, out);
-    if (verb == "create") return createVerb(Arguments(arguments), ask, out);
+    if (verb == "create") return createVerb(Arguments(arguments), settings, ask, out);
     if (verb == "imageinfo") return imageinfoVerb(Arguments(arguments), ask, out);
     if (verb == "eject" || verb == "detach") return ejectVerb(Arguments(arguments), settings, out);
     throw UsageError("unknown verb " + verb);

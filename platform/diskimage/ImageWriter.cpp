@@ -27,6 +27,8 @@ constexpr std::uint64_t kSector = fmt::kSectorSize;
 constexpr std::size_t kBufferSize = 1 << 20;
 // Shorter ranges are copied through a buffer: a thread for the checksum costs more.
 constexpr std::uint64_t kShortestKernelCopy = 1 << 20;
+// Large enough to cost nothing, small enough that progress is seen within a file.
+constexpr std::uint64_t kKernelCopyStep = std::uint64_t{64} << 20;
 
 std::string inQuotes(const std::string& text) { return "\"" + text + "\""; }
 
@@ -71,7 +73,7 @@ std::string guidFor(std::string_view purpose, const std::string& digest) {
 
 class ImageBuilder {
 public:
-    ImageBuilder(ImageOutput& output) : output_(output) {}
+    ImageBuilder(ImageOutput& output, helper::ProgressReporter& progress) : output_(output), progress_(progress) {}
 
     void addBytes(std::string_view bytes) {
         tables_.addSectors(bytes, output_.position());
@@ -93,6 +95,7 @@ public:
             std::uint64_t holeEnd = dataStart >= size ? end : roundDown(dataStart, kSector);
             if (holeEnd > at) {
                 addZeros(at, holeEnd);
+                progress_.advance(0, std::min(holeEnd, size) - std::min(at, size));
                 at = holeEnd;
                 continue;
             }
@@ -106,6 +109,7 @@ public:
                 at = sectorEnd;
             }
         }
+        progress_.advance(1, 0);
     }
 
     BlockTableBuilder& tables() { return tables_; }
@@ -137,8 +141,20 @@ private:
     }
 
     ImageOutput& output_;
+    helper::ProgressReporter& progress_;
     BlockTableBuilder tables_;
 };
+
+// What the volume's files hold: each regular file, with its data.
+std::pair<std::uint64_t, std::uint64_t> filesAndBytesOf(const HfsVolumePlan& volume) {
+    std::uint64_t files = 0, bytes = 0;
+    for (const VolumeSpan& span : volume.spans()) {
+        if (!span.file) continue;
+        ++files;
+        bytes += span.file->dataSize();
+    }
+    return {files, bytes};
+}
 
 }  // namespace
 
@@ -155,6 +171,7 @@ std::uint32_t ImageOutput::copyThroughBuffer(int fd, std::uint64_t offset, std::
     readInPieces(fd, offset, length, path, [&](std::string_view piece) {
         crc = crc32Update(crc, piece);
         write(piece);
+        copied(piece.size());
     });
     return crc;
 }
@@ -170,15 +187,16 @@ std::uint32_t FileImageOutput::copyFrom(int fd, std::uint64_t offset, std::uint6
     auto to = static_cast<off_t>(position_);
     std::uint64_t left = length;
     while (left > 0) {
-        ssize_t copied = ::copy_file_range(fd, &from, fd_, &to, static_cast<std::size_t>(std::min<std::uint64_t>(left, 1u << 30)), 0);
-        if (copied < 0 && errno == EINTR) continue;
-        if (copied < 0 && left == length && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+        ssize_t moved = ::copy_file_range(fd, &from, fd_, &to, static_cast<std::size_t>(std::min(left, kKernelCopyStep)), 0);
+        if (moved < 0 && errno == EINTR) continue;
+        if (moved < 0 && left == length && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
             checksum.wait();
             return copyThroughBuffer(fd, offset, length, path);
         }
-        if (copied < 0) throwSystemError("cannot copy " + inQuotes(path) + " into " + inQuotes(path_), errno);
-        if (copied == 0) throw DiskImageError(inQuotes(path) + " shrank while the image was being made");
-        left -= static_cast<std::uint64_t>(copied);
+        if (moved < 0) throwSystemError("cannot copy " + inQuotes(path) + " into " + inQuotes(path_), errno);
+        if (moved == 0) throw DiskImageError(inQuotes(path) + " shrank while the image was being made");
+        left -= static_cast<std::uint64_t>(moved);
+        copied(static_cast<std::uint64_t>(moved));
     }
     position_ += length;
     return checksum.get();
@@ -196,12 +214,15 @@ std::uint32_t EncryptedImageOutput::copyFrom(int fd, std::uint64_t offset, std::
 
 // ---- the image ----
 
-std::uint32_t writeImage(const HfsVolumePlan& volume, ImageOutput& output) {
+std::uint32_t writeImage(const HfsVolumePlan& volume, ImageOutput& output, helper::ProgressReporter& progress) {
     namespace l = fmt::layout;
     GptDisk disk(volume.byteCount() / kSector, guidFor("disk", volume.contentDigest()),
                  guidFor("partition", volume.contentDigest()));
     std::string table = disk.table();
-    ImageBuilder image(output);
+    auto [files, bytes] = filesAndBytesOf(volume);
+    progress.begin("writing image", files, bytes);
+    output.reportCopiesTo(&progress);
+    ImageBuilder image(output, progress);
     BlockTableBuilder& tables = image.tables();
     tables.beginEntry(l::kProtectiveMbrName, l::kProtectiveMbrType);
     image.addBytes(disk.protectiveMbr());
@@ -223,6 +244,8 @@ std::uint32_t writeImage(const HfsVolumePlan& volume, ImageOutput& output) {
     tables.endEntry();
     if (tables.diskSectors() != disk.totalSectors()) throw DiskImageError("internal error: disk size mismatch");
     output.write(imageTail(tables.entries(), output.position(), fmt::trailer::kVariantDevice));
+    output.reportCopiesTo(nullptr);
+    progress.end();
     return masterChecksumOf(tables.entries());
 }
 

@@ -9,6 +9,7 @@
 
 #include "platform/diskimage/EncryptedContainer.hpp"
 #include "platform/diskimage/HfsVolume.hpp"
+#include "platform/helper/ProgressReporter.hpp"
 
 namespace whittle::diskimage {
 
@@ -21,11 +22,18 @@ public:
     // DiskImageError if the file ends sooner.
     virtual std::uint32_t copyFrom(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path) = 0;
     std::uint64_t position() const { return position_; }
+    // Where the bytes copyFrom() copies are reported as they go out; none: nowhere.
+    void reportCopiesTo(helper::ProgressReporter* progress) { progress_ = progress; }
 
 protected:
     // copyFrom by reading the file in pieces and writing each.
     std::uint32_t copyThroughBuffer(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path);
+    void copied(std::uint64_t bytes) {
+        if (progress_) progress_->advance(0, bytes);
+    }
+
     std::uint64_t position_ = 0;
+    helper::ProgressReporter* progress_ = nullptr;
 };
 
 // An image file of its own: file data goes from file to file in the kernel
@@ -52,7 +60,8 @@ private:
     EncryptingSink& sink_;
 };
 
-// Writes the whole image; answers its master checksum.
-std::uint32_t writeImage(const HfsVolumePlan& volume, ImageOutput& output);
+// Writes the whole image; answers its master checksum. Reports the files written and
+// their bytes (a hole counts as written) as the step "writing image".
+std::uint32_t writeImage(const HfsVolumePlan& volume, ImageOutput& output, helper::ProgressReporter& progress);
 
 }  // namespace whittle::diskimage
