@@ -323,18 +323,18 @@ TEST(WhittleStoppedWithImageSource, AVolumeLeftByAKilledRunIsAttachedAfreshAndEj
     ASSERT_EQ(created.status, 0) << created.err;
     std::string volume = std::string(WHITTLE_TEST_VOLUMES_DIR) + "/" + volumeName;
 
-    // Killed as soon as the volume is attached, before it could eject it.
+    // Killed as soon as it has attached the volume, before it could eject it.
     RunOptions options;
     options.environment = {{"XDG_DATA_HOME", dir / "data"}};
     options.signalNumber = SIGKILL;
-    options.signalWhenPathExists = volume + "/Restore";
+    options.signalWhenOutputContains = "!!! NOTE: image mounted at: ";
     ProgramResult killed = runWhittle({image, dir / "out", "--product", "x10", "--factory", "repair"}, options);
     EXPECT_TRUE(noProcessLeftMentioning(dir.path()));
     ASSERT_EQ(killed.status, 128 + SIGKILL) << "the run ended before the volume was attached: " << killed.out;
     ASSERT_TRUE(pathExists(volume));
 
     options.signalNumber = 0;
-    options.signalWhenPathExists.clear();
+    options.signalWhenOutputContains.clear();
     ProgramResult next = runWhittle({image, "--product", "x10", "--factory", "repair"}, options);
     EXPECT_EQ(next.status, 0) << next.out;
     EXPECT_TRUE(contains(next.out, "!!! NOTE: image mounted at: ")) << next.out;

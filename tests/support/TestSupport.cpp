@@ -113,7 +113,9 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions&
         pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errRead, POLLIN, 0}};
         ::poll(fds, 2, signalled ? 100 : 5);
         bool pathReady = options.signalWhenPathExists.empty() || pathExists(options.signalWhenPathExists);
-        if (!signalled && pathReady &&
+        bool outputReady = options.signalWhenOutputContains.empty() ||
+                           (result.out + result.err).find(options.signalWhenOutputContains) != std::string::npos;
+        if (!signalled && pathReady && outputReady &&
             std::chrono::steady_clock::now() - started >= std::chrono::milliseconds(options.signalAfterMilliseconds)) {
             ::kill(options.signalProcessGroup ? -child : child, options.signalNumber);
             signalled = true;

@@ -44,8 +44,10 @@ struct RunOptions {
     int signalNumber = 0;
     int signalAfterMilliseconds = 0;
     bool signalProcessGroup = false;
-    // When set, the signal goes once this path exists (and the time has passed).
+    // When set, the signal goes once this path exists, or once the program has written
+    // this text (and the time has passed).
     std::string signalWhenPathExists;
+    std::string signalWhenOutputContains;
 };
 
 // Appends what one read of the descriptor gives; clears open at its end (a terminal's
