@@ -15,40 +15,14 @@
 #include <vector>
 
 #include "BundleGenerator.hpp"
+#include "RunFigures.hpp"
 
 using namespace whittle;
+using bench::RunFigures;
+using bench::runQuietly;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-struct RunFigures {
-    double seconds = 0;
-    long peakKilobytes = 0;
-    int status = -1;
-};
-
-RunFigures runQuietly(const std::vector<std::string>& argv) {
-    std::fflush(stdout);
-    auto start = Clock::now();
-    pid_t child = fork();
-    if (child == 0) {
-        freopen("/dev/null", "w", stdout);
-        freopen("/dev/null", "w", stderr);
-        std::vector<char*> args;
-        for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    int status = 0;
-    rusage usage{};
-    wait4(child, &status, 0, &usage);
-    RunFigures figures;
-    figures.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    figures.peakKilobytes = usage.ru_maxrss;
-    figures.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return figures;
-}
 
 void appendTargetMapLines(const std::string& folder, int lines) {
     std::ofstream map(folder + "/Restore/Firmware/target_map.txt", std::ios::app);

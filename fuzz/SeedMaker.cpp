@@ -106,23 +106,6 @@ void diskImageSeeds() {
     seed("chunk_table", "one-sector.mish", dmg::serializeChunkTable(tables.entries()[0].table));
     seed("udif", "raw.dmg", sectors + dmg::imageTail(tables.entries(), sectors.size(), 1));
 
-    std::string area(4096, '\0');
-    area.replace(0, 2, "ER");
-    dmg::writeBigEndian(area, 2, 512, 2);
-    auto entry = [&](int index, const std::string& name, const std::string& type, std::uint32_t start,
-                     std::uint32_t count) {
-        std::size_t at = static_cast<std::size_t>(index) * 512;
-        area.replace(at, 2, "PM");
-        dmg::writeBig32(area, at + 4, 3);
-        dmg::writeBig32(area, at + 8, start);
-        dmg::writeBig32(area, at + 12, count);
-        area.replace(at + 16, name.size(), name);
-        area.replace(at + 48, type.size(), type);
-    };
-    entry(1, "Maker", "Maker_partition_map", 1, 3);
-    entry(2, "Volume", "Apple_HFS", 64, 400);
-    entry(3, "Gap", "Apple_Free", 464, 8);
-    seed("partition_map", "hybrid.apm", area);
 
     int fd = ::memfd_create("container", 0);
     {

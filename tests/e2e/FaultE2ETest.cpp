@@ -281,17 +281,25 @@ namespace {
 
 // ---- a disk-image source ----
 
-TEST(WhittleStoppedWithImageSource, TheImageThisRunAttachedIsEjected) {
+// A disk image of a bundle, whose volume appears under the volumes folder once attached.
+class WhittleStoppedWithImageSource : public testing::Test {
+protected:
+    void makeImage(const std::string& volumeName) {
+        bundlegen::BundlePlan plan;
+        plan.products = {{"x10", true, false, {"repair"}, 1, true}};
+        plan.bytesPerFile = 20'000'000;
+        bundlegen::generateBundle(dir / volumeName, plan);
+        auto created = runProgram({WHITTLE_DISKIMAGE_BINARY, "create", "-srcfolder", dir / volumeName, image, "-format", "UDRO"});
+        ASSERT_EQ(created.status, 0) << created.err;
+        volume = std::string(WHITTLE_TEST_VOLUMES_DIR) + "/" + volumeName;
+    }
     TempDir dir;
-    std::string volumeName = "stopped" + std::to_string(::getpid());
-    bundlegen::BundlePlan plan;
-    plan.products = {{"x10", true, false, {"repair"}, 1, true}};
-    plan.bytesPerFile = 20'000'000;
-    bundlegen::generateBundle(dir / volumeName, plan);
     std::string image = dir / "source.dmg";
-    auto created = runProgram({WHITTLE_DISKIMAGE_BINARY, "create", "-srcfolder", dir / volumeName, image, "-format", "UDRO"});
-    ASSERT_EQ(created.status, 0) << created.err;
-    std::string volume = std::string(WHITTLE_TEST_VOLUMES_DIR) + "/" + volumeName;
+    std::string volume;
+};
+
+TEST_F(WhittleStoppedWithImageSource, TheImageThisRunAttachedIsEjected) {
+    ASSERT_NO_FATAL_FAILURE(makeImage("stopped" + std::to_string(::getpid())));
 
     for (int moment : {300, 700, 1200, 2000}) {
         SCOPED_TRACE("stopped after " + std::to_string(moment) + " ms");
@@ -311,17 +319,8 @@ TEST(WhittleStoppedWithImageSource, TheImageThisRunAttachedIsEjected) {
     }
 }
 
-TEST(WhittleStoppedWithImageSource, AVolumeLeftByAKilledRunIsAttachedAfreshAndEjected) {
-    TempDir dir;
-    std::string volumeName = "killed" + std::to_string(::getpid());
-    bundlegen::BundlePlan plan;
-    plan.products = {{"x10", true, false, {"repair"}, 1, true}};
-    plan.bytesPerFile = 20'000'000;
-    bundlegen::generateBundle(dir / volumeName, plan);
-    std::string image = dir / "source.dmg";
-    auto created = runProgram({WHITTLE_DISKIMAGE_BINARY, "create", "-srcfolder", dir / volumeName, image, "-format", "UDRO"});
-    ASSERT_EQ(created.status, 0) << created.err;
-    std::string volume = std::string(WHITTLE_TEST_VOLUMES_DIR) + "/" + volumeName;
+TEST_F(WhittleStoppedWithImageSource, AVolumeLeftByAKilledRunIsAttachedAfreshAndEjected) {
+    ASSERT_NO_FATAL_FAILURE(makeImage("killed" + std::to_string(::getpid())));
 
     // Killed as soon as it has attached the volume, before it could eject it.
     RunOptions options;
