@@ -18,8 +18,6 @@ constexpr std::size_t kMessageTailLines = 6;
 
 // The reasons a child may give in the system's words, the more telling first.
 constexpr int kReasonsToLookFor[] = {ENOSPC, EDQUOT, EROFS, EACCES, EPERM, EFBIG, EIO, ENAMETOOLONG, EMFILE, ENOENT};
-// xorriso measures the free space before it writes, and says so in its own words.
-constexpr std::string_view kXorrisoFullDisk = "exceeds free space on media";
 
 std::string lastLineOf(const std::string& text) {
     auto end = text.find_last_not_of("\r\n ");
@@ -82,7 +80,6 @@ std::string ChildProcess::messageTail() const {
 
 std::string ChildProcess::failureReason() const {
     std::string text = capturedText();
-    if (text.find(kXorrisoFullDisk) != std::string::npos) return std::strerror(ENOSPC);
     for (int reason : kReasonsToLookFor)
         if (text.find(std::strerror(reason)) != std::string::npos) return std::strerror(reason);
     std::string last = lastLineOf(text);

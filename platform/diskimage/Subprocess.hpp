@@ -1,4 +1,4 @@
-// Running the external programs (7zz, xorriso): started by full path, standard input
+// Running the external programs (7zz): started by full path, standard input
 // from /dev/null, their messages captured in memory. Each runs in a process group of
 // its own and dies with the tool (see platform/helper/ChildProcesses.hpp).
 #pragma once

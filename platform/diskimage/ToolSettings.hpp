@@ -11,7 +11,6 @@ namespace whittle::diskimage {
 struct ToolSettings {
     std::string volumesFolder;  // attached volumes appear as folders in here
     std::string sevenZip;       // the 7zz program
-    std::string xorriso;        // the xorriso program
     helper::ProgressReporter* progress = nullptr;  // where create says how far it has got; none: nowhere
 };
 

@@ -12,7 +12,7 @@ int main(int argc, char** argv) {
     whittle::helper::tieToCaller();
     // Taken before any verb runs, so that the programs attach starts never inherit it.
     auto progress = whittle::helper::ProgressReporter::fromEnvironment();
-    whittle::diskimage::ToolSettings settings{WHITTLE_VOLUMES_DIR, WHITTLE_SEVEN_ZIP, WHITTLE_XORRISO, &progress};
+    whittle::diskimage::ToolSettings settings{WHITTLE_VOLUMES_DIR, WHITTLE_SEVEN_ZIP, &progress};
     std::vector<std::string> arguments(argv + 1, argv + argc);
     return whittle::diskimage::runDiskImageTool(arguments, settings, whittle::diskimage::readPassphraseFromTerminal,
                                                 std::cout, std::cerr);

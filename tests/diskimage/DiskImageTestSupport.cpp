@@ -98,7 +98,6 @@ SessionResult runInNewSession(const std::vector<std::string>& argv,
 std::string diskImageTool() { return WHITTLE_DISKIMAGE_TOOL; }
 std::string testVolumesFolder() { return WHITTLE_TEST_VOLUMES_DIR; }
 std::string sevenZip() { return WHITTLE_SEVEN_ZIP; }
-std::string xorriso() { return WHITTLE_XORRISO; }
 std::string dmg2img() { return "/usr/bin/dmg2img"; }
 std::string vfdecrypt() { return "/usr/bin/vfdecrypt"; }
 

@@ -36,7 +36,6 @@ SessionResult runTool(const std::vector<std::string>& arguments,
                       const std::optional<std::vector<std::string>>& answers = std::nullopt);
 
 std::string sevenZip();
-std::string xorriso();
 std::string dmg2img();
 std::string vfdecrypt();
 
