@@ -146,6 +146,11 @@ struct ParseFailure {
     int status;
 };
 
+// The arguments, so that the test's name says which command line it is.
+void PrintTo(const ParseFailure& failure, std::ostream* out) {
+    for (const auto& argument : failure.arguments) *out << (&argument == &failure.arguments.front() ? "" : " ") << argument;
+}
+
 class WhittleParseFailures : public WhittleCommandLine, public testing::WithParamInterface<ParseFailure> {};
 
 TEST_P(WhittleParseFailures, PrintsMessageSavesLogAndExitsWithStatus) {
