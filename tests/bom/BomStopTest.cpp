@@ -128,11 +128,7 @@ protected:
     }
 
     void expectOneLineNaming(const ProgramResult& result, const std::string& path, const std::string& reason) {
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(linesOf(result.err).size(), 1u) << result.err;
-        EXPECT_TRUE(result.err.starts_with("whittle-bom: ")) << result.err;
-        EXPECT_NE(result.err.find("\"" + path + "\""), std::string::npos) << result.err;
-        EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+        expectOneFailureLine(result, "whittle-bom", "\"" + path + "\"", reason);
     }
 
     TempDir temp;

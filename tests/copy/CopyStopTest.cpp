@@ -25,8 +25,6 @@ constexpr std::uintmax_t kGrowingCopy = 64u << 20;
 constexpr std::uintmax_t kGrowingArchive = 64u << 10;
 constexpr auto kMomentLimit = 60s;
 constexpr auto kPromptly = 3000ms;
-constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
-
 enum class Moment { atStart, outputAppeared, outputGrowing };
 
 const char* nameOf(Moment moment) {
@@ -39,12 +37,6 @@ const char* nameOf(Moment moment) {
             return "while the output grows";
     }
     return "?";
-}
-
-std::uintmax_t sizeOr0(const std::string& path) {
-    std::error_code error;
-    auto size = fs::file_size(path, error);
-    return error ? 0 : size;
 }
 
 std::string randomBytes(std::size_t count) {
@@ -196,11 +188,7 @@ protected:
     }
 
     void expectOneLineNaming(const ProgramResult& result, const std::string& path, const std::string& reason) {
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(linesOf(result.err).size(), 1u) << result.err;
-        EXPECT_TRUE(result.err.starts_with("whittle-copy: ")) << result.err;
-        EXPECT_NE(result.err.find("\"" + path), std::string::npos) << result.err;
-        EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+        expectOneFailureLine(result, "whittle-copy", "\"" + path, reason);
     }
 
     TempDir temp;

@@ -25,8 +25,6 @@ namespace fs = std::filesystem;
 constexpr auto kMomentLimit = 120s;
 constexpr auto kPromptly = 3000ms;
 constexpr std::uintmax_t kGrowingImage = 32u << 20;
-constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
-
 enum class Moment { atStart, outputAppeared, childAtWork };
 
 const char* nameOf(Moment moment) {
@@ -39,12 +37,6 @@ const char* nameOf(Moment moment) {
             return "while its child works";
     }
     return "?";
-}
-
-std::uintmax_t sizeOr0(const std::string& path) {
-    std::error_code error;
-    auto size = fs::file_size(path, error);
-    return error ? 0 : size;
 }
 
 std::uintmax_t totalSizeOf(const std::string& folder, const std::string& prefix) {
@@ -228,11 +220,7 @@ protected:
     }
 
     void expectOneLineNaming(const ProgramResult& result, const std::string& path, const std::string& reason) {
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(linesOf(result.err).size(), 1u) << result.err;
-        EXPECT_TRUE(result.err.starts_with("whittle-diskimage: ")) << result.err;
-        EXPECT_NE(result.err.find("\"" + path), std::string::npos) << result.err;
-        EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+        expectOneFailureLine(result, "whittle-diskimage", "\"" + path, reason);
     }
 
     TempDir temp;

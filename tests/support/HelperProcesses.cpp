@@ -1,6 +1,7 @@
 #include "HelperProcesses.hpp"
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -391,6 +392,21 @@ std::vector<std::string> namesStartingWith(const std::string& folder, const std:
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+std::uintmax_t sizeOr0(const std::string& path) {
+    std::error_code error;
+    auto size = std::filesystem::file_size(path, error);
+    return error ? 0 : size;
+}
+
+void expectOneFailureLine(const ProgramResult& result, const std::string& tool, const std::string& needle,
+                          const std::string& reason) {
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(linesOf(result.err).size(), 1u) << result.err;
+    EXPECT_TRUE(result.err.starts_with(tool + ": ")) << result.err;
+    EXPECT_NE(result.err.find(needle), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
 }
 
 }  // namespace whittle::test

@@ -6,7 +6,9 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -129,5 +131,16 @@ void makeSparseFile(const std::string& path, unsigned long long size);
 
 // The names of the files in a folder that begin with prefix.
 std::vector<std::string> namesStartingWith(const std::string& folder, const std::string& prefix);
+
+// The signals that stop a helper.
+inline constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+// A file's size, or 0 when it is not there.
+std::uintmax_t sizeOr0(const std::string& path);
+
+// A helper's failure: status 1 and one line on standard error that begins with the
+// tool's name and holds `needle` (the path as quoted) and the reason.
+void expectOneFailureLine(const ProgramResult& result, const std::string& tool, const std::string& needle,
+                          const std::string& reason);
 
 }  // namespace whittle::test
