@@ -25,8 +25,8 @@ std::optional<std::string> readFirmwareTextMap(const BundleFiles& files, const s
 // dropped part would have reported.
 struct FilteredMap {
     Value content;
-    Value found = Value::set();
-    Value scrubbed = Value::set();
+    Value found = Value::setOf();
+    Value scrubbed = Value::setOf();
 };
 
 // device_map.txt: the non-empty lines that name one of the device classes anywhere,

@@ -10,7 +10,7 @@ namespace whittle {
 namespace {
 
 Value namesOf(const Value& set) {
-    return set.isSet() ? set : Value::set();
+    return set.isSet() ? set : Value::setOf();
 }
 
 }  // namespace

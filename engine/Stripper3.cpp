@@ -131,11 +131,11 @@ int Stripper3::preanalyzeRequest() {
     const Catalogue& catalogue = Catalogue::builtIn();
     Value products = requestedList("Products");
     Value variants = requestedList("FactoryVariants");
-    Value allProducts = Value::set(*products.asArray());
-    Value allDeviceClasses = Value::set();
-    Value allModels = Value::set();
-    Value allProcessorIDs = Value::set();
-    Value allPersonalizationVariants = Value::set();
+    Value allProducts = Value::setOf(*products.asArray());
+    Value allDeviceClasses = Value::setOf();
+    Value allModels = Value::setOf();
+    Value allProcessorIDs = Value::setOf();
+    Value allPersonalizationVariants = Value::setOf();
     workList_ = Value::array();
 
     if (products.count() == 0) {
@@ -174,7 +174,7 @@ int Stripper3::preanalyzeRequest() {
         setIfPresent(base, "workModel", model);
         setIfPresent(base, "workProcessorID", processor);
 
-        Value kernelCaches = Value::set(), firmwareTypes = Value::set(), dfuTypes = Value::set();
+        Value kernelCaches = Value::setOf(), firmwareTypes = Value::setOf(), dfuTypes = Value::setOf();
         for (const auto& variantValue : *variants.asArray()) {
             std::string variant = variantValue.description();
             workList_.append(copyWith(base, {

@@ -105,7 +105,7 @@ int Stripper2::stripFWPKs(const Value& item) {
         {"FullInternalOS", "FullInternal"}, {"VendorInternalOS", "VendorInternal"}, {"LiteInternalOS", "LiteInternal"}};
 
     std::vector<std::string> keptPaths;
-    Value found = Value::set(), scrubbed = Value::set();
+    Value found = Value::setOf(), scrubbed = Value::setOf();
     for (const auto& product : item.get("workProductList").elements()) {
         for (const auto& entry : listing) {
             if (entry == kFirmwareArchives || !hasSuffix(entry, "FWPK", kCaseInsensitiveSearch)) continue;

@@ -124,7 +124,7 @@ Value Stripper2::restorePlistCutFor(const Value& item, bool report) const {
     // kinds. The found and scrub sets belong to the table, so each matching entry's
     // lines repeat what the table gathered so far.
     for (const char* table : {"KernelCachesByTarget", "KernelCachesByPlatform"}) {
-        Value found = Value::set(), scrubbed = Value::set();
+        Value found = Value::setOf(), scrubbed = Value::setOf();
         Value outputTable = output.get(table);
         const auto* entries = reading.get(table).asDictionary();
         if (!entries) continue;
@@ -163,7 +163,7 @@ Value Stripper2::restorePlistCutFor(const Value& item, bool report) const {
 
     // RAM disks: a platform entry of the processor stays whole.
     {
-        Value found = Value::set(), scrubbed = Value::set();
+        Value found = Value::setOf(), scrubbed = Value::setOf();
         Value outputTable = output.get("RamDisksByPlatform");
         if (const auto* entries = reading.get("RamDisksByPlatform").asDictionary()) {
             for (const auto& [name, entry] : *entries) {
@@ -188,7 +188,7 @@ Value Stripper2::restorePlistCutFor(const Value& item, bool report) const {
 
     // System images: only the product's target, and of it only the item's image type.
     {
-        Value found = Value::set(), scrubbed = Value::set();
+        Value found = Value::setOf(), scrubbed = Value::setOf();
         Value images = Value::dictionary();
         if (const auto* entries = reading.get("SystemRestoreImagesByTarget").asDictionary()) {
             for (const auto& [name, entry] : *entries) {
@@ -220,7 +220,7 @@ Value Stripper2::restorePlistCutFor(const Value& item, bool report) const {
 
     // Supported product types: the item's models.
     {
-        Value found = Value::set(), scrubbed = Value::set();
+        Value found = Value::setOf(), scrubbed = Value::setOf();
         for (const auto& model : reading.get("SupportedProductTypes").elements()) {
             (holdsEqual(models, model) ? found : scrubbed).addToSet(model);
         }

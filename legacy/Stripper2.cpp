@@ -160,9 +160,9 @@ int Stripper2::preanalyzeRequest() {
     Value variants = stripInfo_.get("FactoryVariants");
     bool stripAP = option("stripAPFirmware");
     bool keepDev = option("keepDevFirmware");
-    Value deviceClassSet = Value::set();
-    Value productSet = Value::set();
-    Value personalizationSet = Value::set();
+    Value deviceClassSet = Value::setOf();
+    Value productSet = Value::setOf();
+    Value personalizationSet = Value::setOf();
     workList_ = Value::array();
 
     Value buildManifest = mutableDictionaryAtSubpath(kBuildManifest);

@@ -702,8 +702,8 @@ plist_t dateToPlist(const Date& when) {
 }
 
 plist_t toPlist(const Value& value) {
-    if (value.isNone()) return nullptr;
     switch (value.kind()) {
+        case Value::Kind::None: return nullptr;
         // A property list holds text only: bytes that are not UTF-8 (from a path, say) are replaced.
         case Value::Kind::String: return plist_new_string(withValidUtf8(*value.asString()).c_str());
         case Value::Kind::Integer: return plist_new_uint(static_cast<uint64_t>(*value.asInteger()));

@@ -68,7 +68,7 @@ Value Value::dictionary() { return dictionary(ValueDictionary()); }
 Value Value::dictionary(ValueDictionary entries) {
     return Value(std::make_shared<Node>(std::move(entries)));
 }
-Value Value::set(ValueArray members) {
+Value Value::setOf(ValueArray members) {
     Value result(std::make_shared<Node>(ValueSet{}));
     for (auto& member : members) result.addToSet(std::move(member));
     return result;
@@ -81,7 +81,7 @@ Value Value::stringArray(const std::vector<std::string>& texts) {
     return Value::array(std::move(elements));
 }
 
-Value::Kind Value::kind() const { return static_cast<Kind>(node_->payload.index()); }
+Value::Kind Value::kind() const { return node_ ? static_cast<Kind>(node_->payload.index()) : Kind::None; }
 
 const std::string* Value::asString() const {
     return node_ ? std::get_if<std::string>(&node_->payload) : nullptr;
@@ -434,8 +434,8 @@ std::string Value::description() const {
 }
 
 const char* kindName(const Value& value) {
-    if (value.isNone()) return "none";
     switch (value.kind()) {
+        case Value::Kind::None: return "none";
         case Value::Kind::String: return "string";
         case Value::Kind::Integer: return "integer";
         case Value::Kind::Real: return "real";

@@ -46,7 +46,8 @@ struct ValueSet {
 
 class Value {
 public:
-    enum class Kind : std::uint8_t { String, Integer, Real, Boolean, Date, Data, Array, Dictionary, Set };
+    // The alternatives in the order the payload holds them; a none value is of kind None.
+    enum class Kind : std::uint8_t { String, Integer, Real, Boolean, Date, Data, Array, Dictionary, Set, None };
 
     Value() = default;
 
@@ -59,7 +60,7 @@ public:
     static Value array(ValueArray elements = {});
     static Value dictionary();
     static Value dictionary(ValueDictionary entries);
-    static Value set(ValueArray members = {});
+    static Value setOf(ValueArray members = {});
     // An array of strings, for the many lists of names and paths.
     static Value stringArray(const std::vector<std::string>& texts);
 
@@ -99,6 +100,7 @@ public:
 
     // Dictionary access; get() answers none for a missing key or a non-dictionary.
     Value get(std::string_view key) const;
+    // Writes a dictionary entry (Value::setOf makes a set).
     void set(std::string_view key, Value value);
     void remove(std::string_view key);
     // Array access; at() answers none out of range or for a non-array.

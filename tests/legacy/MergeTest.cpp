@@ -30,10 +30,10 @@ protected:
 
 TEST_F(LegacyMerge, NestedDictionariesArraysAndSetsMergeInPlace) {
     Value mine = dict({{"a", dict({{"x", Value::integer(1)}, {"list", strings({"p", "q"})}})},
-                       {"set", Value::set({Value::string("s1")})},
+                       {"set", Value::setOf({Value::string("s1")})},
                        {"same", text("v")}});
     Value theirs = dict({{"a", dict({{"y", Value::integer(2)}, {"list", strings({"q", "r", "r"})}})},
-                         {"set", Value::set({Value::string("s2"), Value::string("s1")})},
+                         {"set", Value::setOf({Value::string("s2"), Value::string("s1")})},
                          {"same", text("v")},
                          {"new", Value::array()}});
     Value innerBefore = mine.get("a");
@@ -57,8 +57,8 @@ TEST_F(LegacyMerge, ArraysCompareNestedContainersWhole) {
 }
 
 TEST_F(LegacyMerge, SetsTakeWhatTheyLack) {
-    Value mine = Value::set({Value::string("a")});
-    ASSERT_TRUE(deepMergeSet(mine, Value::set({Value::string("b"), Value::string("a")})));
+    Value mine = Value::setOf({Value::string("a")});
+    ASSERT_TRUE(deepMergeSet(mine, Value::setOf({Value::string("b"), Value::string("a")})));
     EXPECT_EQ(texts(mine), (std::vector<std::string>{"a", "b"}));
 }
 
@@ -217,8 +217,8 @@ TEST(DeepMergeArray, AppendsOnlyWhatIsMissingByDeepEqualityInOrder) {
 }
 
 TEST(DeepMergeSet, AddsTheMissingMembersOfLargeSets) {
-    Value set = Value::set();
-    Value other = Value::set();
+    Value set = Value::setOf();
+    Value other = Value::setOf();
     for (int i = 0; i < 20000; ++i) set.addToSet(Value::string("a" + std::to_string(i)));
     for (int i = 10000; i < 30000; ++i) other.addToSet(Value::string("a" + std::to_string(i)));
     ASSERT_TRUE(deepMergeSet(set, other));

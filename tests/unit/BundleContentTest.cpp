@@ -19,8 +19,8 @@ protected:
         ValueArray names, variants;
         for (const auto& p : products) names.push_back(Value::string(p));
         for (const auto& v : personalizations) variants.push_back(Value::string(v));
-        item.set("workAllProducts", Value::set(names));
-        item.set("workAllPersonalizationVariants", Value::set(variants));
+        item.set("workAllProducts", Value::setOf(names));
+        item.set("workAllPersonalizationVariants", Value::setOf(variants));
         return item;
     }
 

@@ -13,8 +13,8 @@ protected:
         ValueArray classes, names;
         for (const auto& d : deviceClasses) classes.push_back(Value::string(d));
         for (const auto& p : products) names.push_back(Value::string(p));
-        item.set("workAllDeviceClasses", Value::set(classes));
-        item.set("workAllProducts", Value::set(names));
+        item.set("workAllDeviceClasses", Value::setOf(classes));
+        item.set("workAllProducts", Value::setOf(names));
         return item;
     }
 

@@ -17,7 +17,7 @@ TEST(NiceDescription, EmptyFirstElementLeavesNoSeparator) {
 }
 
 TEST(NiceDescription, SetsInTheirOwnOrder) {
-    EXPECT_EQ(niceDescription(Value::set({Value::string("z"), Value::string("a")})), "z, a");
+    EXPECT_EQ(niceDescription(Value::setOf({Value::string("z"), Value::string("a")})), "z, a");
     EXPECT_EQ(niceDescription(Value::string("not a collection")), "");
 }
 

@@ -47,7 +47,7 @@ TEST(PlistCodec, XmlKeysAreInAscendingOrder) {
 }
 
 TEST(PlistCodec, SetsAreWrittenAsArrays) {
-    Value set = Value::set({Value::string("a"), Value::string("b")});
+    Value set = Value::setOf({Value::string("a"), Value::string("b")});
     Value back = whittle::parsePropertyList(whittle::xmlPropertyList(set));
     EXPECT_TRUE(back.equals(Value::array({Value::string("a"), Value::string("b")})));
 }

@@ -204,7 +204,7 @@ TEST_F(Stripper3Basics, TwoProductsTwoVariantsAndUnpersonalizedMakeElevenItems) 
     EXPECT_TRUE(models.setContains(Value::string("Handset1,1")));
     EXPECT_TRUE(models.setContains(Value::stringArray({"Bench2,1", "Settop2,1"})));
     EXPECT_TRUE(closing.get("workAllPersonalizationVariants")
-                    .equals(Value::set({Value::string("Factory - Shipping Settings"), Value::string("Factory - DFU")})));
+                    .equals(Value::setOf({Value::string("Factory - Shipping Settings"), Value::string("Factory - DFU")})));
     EXPECT_TRUE(closing.get("workAllModels").sameObject(stripper->workList().at(10).get("workAllModels")));
     EXPECT_FALSE(closing.sameObject(stripper->workList().at(10)));
 }

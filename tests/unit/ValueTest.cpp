@@ -15,6 +15,23 @@ TEST(Value, DefaultIsNone) {
     EXPECT_EQ(none.text(), "");
 }
 
+TEST(Value, KindOfNoneIsNone) {
+    Value none;
+    EXPECT_EQ(none.kind(), Value::Kind::None);
+    EXPECT_FALSE(none.is(Value::Kind::String));
+    EXPECT_STREQ(kindName(none), "none");
+    EXPECT_EQ(Value::string("x").kind(), Value::Kind::String);
+}
+
+TEST(Value, SetOfMakesASetAndSetWritesAnEntry) {
+    Value set = Value::setOf({Value::string("a"), Value::string("a")});
+    EXPECT_TRUE(set.isSet());
+    EXPECT_EQ(set.count(), 1u);
+    Value dictionary = Value::dictionary();
+    dictionary.set("key", Value::integer(1));
+    EXPECT_EQ(dictionary.get("key").numberValue(), 1.0);
+}
+
 TEST(Value, ScalarsReportTheirKind) {
     EXPECT_TRUE(Value::string("a").isString());
     EXPECT_TRUE(Value::integer(3).is(Value::Kind::Integer));
@@ -76,13 +93,13 @@ TEST(Value, DeepEquality) {
 }
 
 TEST(Value, SetsKeepDistinctMembersInInsertionOrder) {
-    Value set = Value::set({Value::string("b"), Value::string("a"), Value::string("b")});
+    Value set = Value::setOf({Value::string("b"), Value::string("a"), Value::string("b")});
     ASSERT_EQ(set.count(), 2u);
     EXPECT_EQ((*set.asSetMembers())[0].text(), "b");
     EXPECT_TRUE(set.setContains(Value::string("a")));
     set.addToSet(Value::string("a"));
     EXPECT_EQ(set.count(), 2u);
-    EXPECT_TRUE(set.equals(Value::set({Value::string("a"), Value::string("b")})));
+    EXPECT_TRUE(set.equals(Value::setOf({Value::string("a"), Value::string("b")})));
 }
 
 TEST(Value, ArrayAccessOutOfRangeIsNone) {
@@ -130,7 +147,7 @@ TEST(Value, KindNames) {
 // ---- sets and their membership index ----
 
 TEST(ValueSet, ManyMembersKeepInsertionOrderAndStayDistinct) {
-    Value set = Value::set();
+    Value set = Value::setOf();
     for (int round = 0; round < 2; ++round) {
         for (int i = 0; i < 20000; ++i) set.addToSet(Value::string("line " + std::to_string(i)));
     }
@@ -141,7 +158,7 @@ TEST(ValueSet, ManyMembersKeepInsertionOrderAndStayDistinct) {
 }
 
 TEST(ValueSet, MembershipFollowsDeepEquality) {
-    Value set = Value::set({Value::integer(1), Value::string("a"), Value::real(-0.0),
+    Value set = Value::setOf({Value::integer(1), Value::string("a"), Value::real(-0.0),
                             Value::array({Value::string("x"), Value::integer(2)})});
     EXPECT_TRUE(set.setContains(Value::real(1.0)));
     EXPECT_TRUE(set.setContains(Value::boolean(true)));
@@ -161,14 +178,14 @@ TEST(ValueSet, MembershipFollowsDeepEquality) {
 
 TEST(ValueSet, ContainerMembersChangedElsewhereAreFoundByTheirContent) {
     Value list = Value::array({Value::string("a")});
-    Value set = Value::set({list});
+    Value set = Value::setOf({list});
     list.append(Value::string("b"));
     EXPECT_TRUE(set.setContains(Value::array({Value::string("a"), Value::string("b")})));
     EXPECT_FALSE(set.setContains(Value::array({Value::string("a")})));
 }
 
 TEST(ValueSet, CopiesShareTheSetAndDeepCopiesAreIndependent) {
-    Value set = Value::set({Value::string("a"), Value::dictionary()});
+    Value set = Value::setOf({Value::string("a"), Value::dictionary()});
     Value alias = set;
     alias.addToSet(Value::string("b"));
     EXPECT_TRUE(set.setContains(Value::string("b")));
@@ -186,8 +203,8 @@ TEST(ValueSet, CopiesShareTheSetAndDeepCopiesAreIndependent) {
 }
 
 TEST(ValueSet, SetsAreEqualWhateverTheirOrder) {
-    Value one = Value::set({Value::string("a"), Value::integer(1), Value::string("b")});
-    Value two = Value::set({Value::string("b"), Value::real(1.0), Value::string("a")});
+    Value one = Value::setOf({Value::string("a"), Value::integer(1), Value::string("b")});
+    Value two = Value::setOf({Value::string("b"), Value::real(1.0), Value::string("a")});
     EXPECT_TRUE(one.equals(two));
     two.addToSet(Value::string("c"));
     EXPECT_FALSE(one.equals(two));
@@ -201,7 +218,7 @@ TEST(ValueSet, EqualValuesHashAlike) {
         {Value::data("\x01"), Value::data("\x01")},
         {Value::date(whittle::Date{5}), Value::date(whittle::Date{5})},
         {Value::array({Value::integer(1)}), Value::array({Value::real(1)})},
-        {Value::set({Value::string("a"), Value::string("b")}), Value::set({Value::string("b"), Value::string("a")})},
+        {Value::setOf({Value::string("a"), Value::string("b")}), Value::setOf({Value::string("b"), Value::string("a")})},
     };
     for (const auto& [a, b] : equalPairs) {
         ASSERT_TRUE(a.equals(b)) << a.description();
