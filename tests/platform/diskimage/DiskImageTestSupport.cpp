@@ -115,7 +115,7 @@ std::optional<std::string> sharedFixtureFolder() {
     return folder;
 }
 
-std::string projectFixtureFolder() { return std::string(WHITTLE_SOURCE_DIR) + "/tests/diskimage/fixtures"; }
+std::string projectFixtureFolder() { return std::string(WHITTLE_SOURCE_DIR) + "/tests/platform/diskimage/fixtures"; }
 
 namespace {
 
