@@ -18,9 +18,7 @@
 #include "driver/Interrupts.hpp"
 #include "driver/Leftovers.hpp"
 #include "driver/TargetWriters.hpp"
-#include "driver/ToolPaths.hpp"
-#include "driver/ToolRuns.hpp"
-#include "engine/BundleFiles.hpp"
+#include "engine/FolderBundleFiles.hpp"
 #include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
@@ -28,7 +26,6 @@
 #include "support/ProcessInfo.hpp"
 #include "support/Trash.hpp"
 #include "tools/DiskImage.hpp"
-#include "tools/TaskHelper.hpp"
 
 namespace whittle {
 
@@ -39,10 +36,6 @@ constexpr const char* kFailedColours = "\x1b[37m\x1b[41m";
 // 2100-01-01 00:00:00 UTC.
 constexpr timespec kUnchangingAccessTime{4102444800, 0};
 
-std::unique_ptr<Stripper> createEngine(const RunRequest& request) {
-    return stripperClass().stripperForPath(*request.source, request.products, request.factoryVariants,
-                                           request.stripOptions);
-}
 
 // The run's engines stay reachable until the process ends and are never torn down:
 // freeing a manifest of many megabytes node by node would cost a good part of a run
@@ -85,7 +78,8 @@ std::string trimmedOfLineEnds(std::string text) {
 // One run of the tool, from the parsed command line to the saved log.
 class Run {
 public:
-    explicit Run(RunRequest& request) : request_(request) {}
+    Run(RunRequest& request, const RunServices& services)
+        : request_(request), services_(services), tools_(services.toolRunner, services.toolPaths, verboseMode == 1) {}
     int execute();
 
 private:
@@ -117,8 +111,14 @@ private:
     int finishInterrupted();
     void cleanUp();
     void eject();
+    std::unique_ptr<Stripper> createEngine();
+    std::shared_ptr<const BundleFiles> sourceFiles();
 
     RunRequest& request_;
+    const RunServices& services_;
+    PlatformTools tools_;
+    // The bundle the engines read, opened once the source is known (after a mount).
+    std::shared_ptr<const BundleFiles> sourceFiles_;
     int status_ = 0;
     std::string deviceEntry_;
     bool previouslyMounted_ = false;
@@ -163,8 +163,8 @@ void Run::reportMissingRestoreFolder() {
     const std::string& source = *request_.source;
     struct stat info {};
     if (::stat(source.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return;
-    BundleFiles files(source);
-    if (!files.isFolder("Restore") && !files.linkTarget("Restore")) {
+    auto files = sourceFiles();
+    if (!files->isFolder("Restore") && !files->linkTarget("Restore")) {
         Log("XXX ERROR: source \"%@\" has no \"Restore\" folder.", source);
     }
 }
@@ -174,15 +174,16 @@ void Run::reportMissingRestoreFolder() {
 Run::Next Run::mountSource() {
     std::string& source = *request_.source;
     if (!equalsIgnoringCase(pathExtension(source), "dmg")) return Next::Continue;
-    auto namesBefore = namesInFolder(volumesFolder());
+    const std::string& volumesFolder = tools_.paths().volumesFolder;
+    auto namesBefore = namesInFolder(volumesFolder);
     std::set<std::string> mountedBefore(namesBefore.begin(), namesBefore.end());
     Log(">>> mounting disk image \"%s\".", source);
     std::vector<std::string> arguments{"attach", source, "-plist"};
     if (request_.validVariantsMode) arguments.push_back("-noverify");
     std::string output;
-    if (int status = runPlatformTool(diskImageToolPath(), arguments, &output)) {
+    if (int status = tools_.run(tools_.paths().diskImageTool, arguments, &output)) {
         Log("XXX ERROR: unable to mount source disk image: %s.", source);
-        explainLastToolFailure();
+        tools_.explainLastFailure();
         status_ = status;
         return Next::SaveLog;
     }
@@ -199,7 +200,7 @@ Run::Next Run::mountSource() {
     }
     source = volume->mountPoint;
     deviceEntry_ = volume->deviceEntry;
-    if (hasPrefix(source, volumesFolder(), kLiteralSearch) && mountedBefore.contains(lastPathComponent(source))) {
+    if (hasPrefix(source, volumesFolder, kLiteralSearch) && mountedBefore.contains(lastPathComponent(source))) {
         Log("!!! NOTE: image previously mounted at: %@.", source);
         previouslyMounted_ = true;
     } else {
@@ -210,9 +211,19 @@ Run::Next Run::mountSource() {
 
 // ---- steps 2 to 9 ----
 
+std::shared_ptr<const BundleFiles> Run::sourceFiles() {
+    if (!sourceFiles_) sourceFiles_ = services_.openBundle(*request_.source);
+    return sourceFiles_;
+}
+
+std::unique_ptr<Stripper> Run::createEngine() {
+    return stripperClass().stripperForBundle(sourceFiles(), request_.products, request_.factoryVariants,
+                                             request_.stripOptions);
+}
+
 Run::Next Run::runEngine() {
     if (request_.doTest) runTestPass();
-    auto engine = createEngine(request_);
+    auto engine = createEngine();
     if (!engine) {
         Log("XXX ERROR: cannot create stripper.");
         status_ = 22;
@@ -233,7 +244,7 @@ Run::Next Run::runEngine() {
 // The diagnostic pass of "--doTest": an engine of its own, whose results are reported
 // and then dropped.
 void Run::runTestPass() {
-    auto engine = createEngine(request_);
+    auto engine = createEngine();
     if (!engine) return;
     diagnostic(format("test: validProducts %@", niceDescription(engine->validProducts())));
     diagnostic(format("test: validVariants %@", niceDescription(engine->validFactoryVariants())));
@@ -270,7 +281,7 @@ int Run::reportValidVariants(std::unique_ptr<Stripper>& engine) {
         request_.products = Value::array({products.at(0)});
         Log(">>> NOTE changing products to %@", request_.products);
         keepUntilExit(std::move(engine));
-        engine = createEngine(request_);
+        engine = createEngine();
         if (!engine) {
             Log("XXX ERROR: cannot create stripper.");
             return 22;
@@ -307,10 +318,9 @@ Run::Next Run::stripAndFinish(Stripper& engine) {
 // A kept path the bundle does not hold passes the analysis but fails the copy: say so
 // before the verdict.
 void Run::warnAboutKeptPathsNotInBundle(Stripper& engine) {
-    BundleFiles files(std::string(engine.bundleRoot().text()));
     Value kept = engine.strippedManifest();
     for (const auto& path : kept.elements()) {
-        if (!files.exists(path.text())) Log("!!! WARNING: kept path \"%@\" is not in the bundle.", path);
+        if (!sourceFiles()->exists(path.text())) Log("!!! WARNING: kept path \"%@\" is not in the bundle.", path);
     }
 }
 
@@ -355,7 +365,7 @@ bool Run::clearExistingTarget() {
         return false;
     }
     std::string error;
-    if (moveToTrash(target, error)) {
+    if (services_.moveToTrash(target, error)) {
         Log(">>> NOTE: moved pre-existing target \"%@\" to Trash.", target);
     } else if (removeItem(target, error)) {
         Log(">>> NOTE: unable to move pre-existing target \"%@\" to Trash, deleted instead.", target);
@@ -416,14 +426,14 @@ int Run::applyModifiedFilesTo(Stripper& engine, const std::string& folder, std::
     Value modified = engine.modifiedFiles();
     int status = applyModifiedFiles(modified, folder, boolForKey(request_.stripOptions, "noSymLinks"));
     if (status == 0) {
-        settleTimesOfModifiedFiles(modified, folder, BundleFiles(std::string(engine.bundleRoot().text())), accessTime);
+        settleTimesOfModifiedFiles(modified, folder, *sourceFiles(), accessTime);
     }
     return status;
 }
 
 int Run::writeBomTarget(Stripper& engine) {
     Log(">>> creating BOM \"%@\".", lastPathComponent(*request_.target));
-    return createBomFromManifest(engine, stagedTarget_);
+    return createBomFromManifest(tools_, engine, stagedTarget_);
 }
 
 int Run::writeZipTarget(Stripper& engine) {
@@ -433,15 +443,15 @@ int Run::writeZipTarget(Stripper& engine) {
     // The BOM lives in the temporary folder, never beside the target where a file of
     // the user's could stand under its name.
     std::string bomPath = joinFolderAndName(temporaryFolder(), withoutExtension(name) + ".bom");
-    if (int status = createBomFromManifest(engine, bomPath)) return status;
+    if (int status = createBomFromManifest(tools_, engine, bomPath)) return status;
     if (interrupted()) return 128 + stopSignal();
 
     Log(">>> creating ZIP archive \"%@\".", name);
-    int status = runPlatformTool(copyToolPath(), {"-ck", "--noextattr", "--noacl", "--bom", bomPath,
+    int status = tools_.run(tools_.paths().copyTool, {"-ck", "--noextattr", "--noacl", "--bom", bomPath,
                                                   std::string(engine.bundleRoot().text()), stagedTarget_});
     if (status != 0) {
         Log("XXX ERROR: unable to create final ZIP archive.");
-        explainLastToolFailure();
+        tools_.explainLastFailure();
         return status;
     }
     Log(">>> updating files in ZIP archive \"%@\".", name);
@@ -452,16 +462,16 @@ int Run::writeZipTarget(Stripper& engine) {
     // would update them, so that every run records the same.
     if ((status = applyModifiedFilesTo(engine, bundleFolder, kUnchangingAccessTime)) != 0) return status;
     if (!std::filesystem::is_empty(bundleFolder, ignored)) {
-        status = runPlatformTool(zipToolPath(), {"-rvy", stagedTarget_, "."}, nullptr, bundleFolder.c_str());
+        status = tools_.run(tools_.paths().zipTool, {"-rvy", stagedTarget_, "."}, nullptr, bundleFolder);
         if (status != 0) {
             Log("XXX ERROR: unable to update files in ZIP archive.");
-            explainLastToolFailure();
+            tools_.explainLastFailure();
             return status;
         }
     }
     Log(">>> checksumming ZIP archive \"%@\".", name);
     std::string checksum;
-    runPlatformTool(opensslToolPath(), {"md5", stagedTarget_}, &checksum);
+    tools_.run(tools_.paths().opensslTool, {"md5", stagedTarget_}, &checksum);
     // The archive is checksummed before it is renamed into place; the line names the target.
     MustLog("%@", replacingFirst(checksum, stagedTarget_, *request_.target));
     return 0;
@@ -471,7 +481,7 @@ int Run::writeDiskImageTarget(Stripper& engine) {
     std::string bundleFolder = temporaryBundleFolder();
     Log(">>> copying bundle to temporary folder \"%@\".", lastPathComponent(bundleFolder));
     if (int status = makeTemporaryFolder()) return status;
-    int status = copyBundleThroughBom(engine, bundleFolder);
+    int status = copyBundleThroughBom(tools_, engine, bundleFolder);
     temporaryItems_.push_back(temporaryFolder());
     if (status != 0) return status;
     Log(">>> updating files in temporary folder \"%@\".", lastPathComponent(bundleFolder));
@@ -481,21 +491,21 @@ int Run::writeDiskImageTarget(Stripper& engine) {
     Log(">>> creating disk image \"%@\".", lastPathComponent(*request_.target));
     std::vector<std::string> arguments{"create", "-srcfolder", bundleFolder, stagedTarget_, "-format", "UDRO"};
     if (request_.encrypt) arguments.push_back("-encryption");
-    if ((status = runPlatformTool(diskImageToolPath(), arguments)) != 0) {
+    if ((status = tools_.run(tools_.paths().diskImageTool, arguments)) != 0) {
         Log("XXX ERROR: unable to create final disk image.");
-        explainLastToolFailure();
+        tools_.explainLastFailure();
         return status;
     }
     Log(">>> checksumming disk image \"%@\".", lastPathComponent(*request_.target));
     std::string checksum;
-    runPlatformTool(diskImageToolPath(), {"imageinfo", "-checksum", stagedTarget_}, &checksum);
+    tools_.run(tools_.paths().diskImageTool, {"imageinfo", "-checksum", stagedTarget_}, &checksum);
     MustLog("%@", trimmedOfLineEnds(checksum));
     return 0;
 }
 
 int Run::writeFolderTarget(Stripper& engine) {
     Log(">>> copying bundle to \"%@\".", lastPathComponent(*request_.target));
-    if (int status = copyBundleThroughBom(engine, stagedTarget_)) return status;
+    if (int status = copyBundleThroughBom(tools_, engine, stagedTarget_)) return status;
     if (interrupted()) return 128 + stopSignal();
     Log(">>> updating files in \"%@\".", lastPathComponent(*request_.target));
     return applyModifiedFilesTo(engine, stagedTarget_);
@@ -533,7 +543,7 @@ void Run::cleanUp() {
         // An item that a failed step never made leaves nothing to clean.
         if (!itemExists(path)) continue;
         std::string error;
-        if (moveToTrash(path, error)) continue;
+        if (services_.moveToTrash(path, error)) continue;
         if (removeItem(path, error)) {
             Log(">>> NOTE cannot move \"%@\" to Trash - deleted instead.", lastPathComponent(path));
         } else {
@@ -545,16 +555,25 @@ void Run::cleanUp() {
 void Run::eject() {
     if (deviceEntry_.empty() || previouslyMounted_) return;
     Log(">>> unmounting disk image.");
-    if (int status = runPlatformTool(diskImageToolPath(), {"eject", deviceEntry_})) {
+    if (int status = tools_.run(tools_.paths().diskImageTool, {"eject", deviceEntry_})) {
         Log("XXX ERROR: unable to eject source disk image.");
-        explainLastToolFailure();
+        tools_.explainLastFailure();
         if (status_ == 0) status_ = status;
     }
 }
 
 }  // namespace
 
-int runRequest(RunRequest& request) { return Run(request).execute(); }
+RunServices realRunServices(ToolRunner& processRunner) {
+    return RunServices{
+        .toolRunner = processRunner,
+        .toolPaths = ToolPaths::ofThisInstallation(),
+        .openBundle = [](const std::string& root) { return std::make_shared<FolderBundleFiles>(root); },
+        .moveToTrash = [](const std::string& path, std::string& error) { return moveToTrash(path, error); },
+    };
+}
+
+int runRequest(RunRequest& request, const RunServices& services) { return Run(request, services).execute(); }
 
 int statusAfterStandardOutput(int status) {
     int error = standardOutputError();
@@ -564,13 +583,18 @@ int statusAfterStandardOutput(int status) {
     return status == 0 ? 1 : status;
 }
 
-void saveLog(int status) {
+void saveLog(int status, const std::string& logPath) {
     std::string error;
-    writeFileAtomically(kLogFilePath, withValidUtf8(LogObject::sharedLogger().historicalLog()), error);
-    if (status != 0) Log("XXX ERROR: log file in %s", kLogFilePath);
+    writeFileAtomically(logPath, withValidUtf8(LogObject::sharedLogger().historicalLog()), error);
+    if (status != 0) Log("XXX ERROR: log file in %s", logPath);
 }
 
 int whittleMain(const std::vector<std::string>& arguments) {
+    ProcessToolRunner processRunner;
+    return runWhittle(arguments, realRunServices(processRunner), kLogFilePath);
+}
+
+int runWhittle(const std::vector<std::string>& arguments, const RunServices& services, const std::string& logPath) {
     setProcessArguments(arguments);
     RunRequest request;
     ParseOutcome outcome = parseCommandLine(arguments, request);
@@ -580,11 +604,11 @@ int whittleMain(const std::vector<std::string>& arguments) {
         case ParseOutcome::Next::ExitAfterSavingLog: break;
         case ParseOutcome::Next::Run:
             catchStopSignals();
-            status = runRequest(request);
+            status = runRequest(request, services);
             break;
     }
     status = statusAfterStandardOutput(status);
-    saveLog(status);
+    saveLog(status, logPath);
     return status;
 }
 

@@ -8,8 +8,10 @@ namespace whittle {
 namespace {
 
 const StripperClass kStripperClasses[] = {
-    {"Stripper3", Stripper3::knownProducts, Stripper3::knownFactoryVariants, Stripper3::stripperForPath},
-    {"Stripper2", Stripper2::knownProducts, Stripper2::knownFactoryVariants, Stripper2::stripperForPath},
+    {"Stripper3", Stripper3::knownProducts, Stripper3::knownFactoryVariants, Stripper3::stripperForPath,
+     Stripper3::stripperForBundle},
+    {"Stripper2", Stripper2::knownProducts, Stripper2::knownFactoryVariants, Stripper2::stripperForPath,
+     Stripper2::stripperForBundle},
 };
 
 }  // namespace

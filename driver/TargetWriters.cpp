@@ -9,10 +9,8 @@
 #include <random>
 #include <set>
 
-#include "driver/ToolPaths.hpp"
 #include "engine/BundleFiles.hpp"
 #include "engine/BundlePaths.hpp"
-#include "driver/ToolRuns.hpp"
 #include "support/ContainedPaths.hpp"
 #include "support/FileSystem.hpp"
 #include "support/LogObject.hpp"
@@ -45,12 +43,12 @@ std::string fileListLine(const std::string& text) {
     return text.size() < kFileListLineBuffer ? text : text.substr(0, kFileListLineBuffer - 1);
 }
 
-int makeBom(const std::string& fileList, const std::string& bomPath) {
-    int status = runPlatformTool(bomToolPath(), {"-s", "-i", fileList, bomPath});
+int makeBom(PlatformTools& tools, const std::string& fileList, const std::string& bomPath) {
+    int status = tools.run(tools.paths().bomTool, {"-s", "-i", fileList, bomPath});
     ::unlink(fileList.c_str());
     if (status != 0) {
         Log("XXX ERROR: unable to create BOM.");
-        explainLastToolFailure();
+        tools.explainLastFailure();
     }
     return status;
 }
@@ -87,27 +85,27 @@ int writeFileListToTempFile(Stripper& engine, std::string& pathBuffer) {
     return 0;
 }
 
-int createBomFromManifest(Stripper& engine, const std::string& bomPath) {
+int createBomFromManifest(PlatformTools& tools, Stripper& engine, const std::string& bomPath) {
     std::string fileList;
     if (int status = writeFileListToTempFile(engine, fileList)) return status;
-    return makeBom(fileList, bomPath);
+    return makeBom(tools, fileList, bomPath);
 }
 
-int copyBundleThroughBom(Stripper& engine, const std::string& destination) {
+int copyBundleThroughBom(PlatformTools& tools, Stripper& engine, const std::string& destination) {
     std::string fileList;
     if (int status = writeFileListToTempFile(engine, fileList)) return status;
     std::string bomPath = fileList + ".bom";
-    if (int status = makeBom(fileList, bomPath)) return status;
+    if (int status = makeBom(tools, fileList, bomPath)) return status;
 
-    int status = runPlatformTool(copyToolPath(), {"-vV", "--noextattr", "--noacl", "--bom", bomPath,
+    int status = tools.run(tools.paths().copyTool, {"-vV", "--noextattr", "--noacl", "--bom", bomPath,
                                                   std::string(engine.bundleRoot().text()), destination});
     ::unlink(bomPath.c_str());
     if (status != 0) {
         Log("XXX ERROR: copying manifest to target failed.");
-        explainLastToolFailure();
+        tools.explainLastFailure();
         return status;
     }
-    runPlatformTool(chmodToolPath(), {"-R", "-v", "-v", "u+rw", destination});
+    tools.run(tools.paths().chmodTool, {"-R", "-v", "-v", "u+rw", destination});
     return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "driver/ToolRunner.hpp"
 #include "engine/Stripper.hpp"
 #include "support/Value.hpp"
 
@@ -19,10 +20,10 @@ inline constexpr const char* kFileListTemplate = "/tmp/whittle.XXXXXXXXXX";
 int writeFileListToTempFile(Stripper& engine, std::string& pathBuffer);
 
 // Makes a BOM of the kept paths at bomPath with the BOM tool.
-int createBomFromManifest(Stripper& engine, const std::string& bomPath);
+int createBomFromManifest(PlatformTools& tools, Stripper& engine, const std::string& bomPath);
 
 // Copies exactly the kept paths from the bundle into the destination folder.
-int copyBundleThroughBom(Stripper& engine, const std::string& destination);
+int copyBundleThroughBom(PlatformTools& tools, Stripper& engine, const std::string& destination);
 
 // Writes each modified file below the destination: text, property list or link.
 // Answers 0 when every entry was written, else 1.

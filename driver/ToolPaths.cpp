@@ -47,12 +47,16 @@ bool isExecutableFile(const std::string& path) {
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::access(path.c_str(), X_OK) == 0;
 }
 
-std::string bomToolPath() { return helperPath("whittle-bom"); }
-std::string copyToolPath() { return helperPath("whittle-copy"); }
-std::string diskImageToolPath() { return helperPath("whittle-diskimage"); }
-std::string zipToolPath() { return WHITTLE_ZIP_TOOL; }
-std::string opensslToolPath() { return WHITTLE_OPENSSL_TOOL; }
-std::string chmodToolPath() { return WHITTLE_CHMOD_TOOL; }
-std::string volumesFolder() { return WHITTLE_VOLUMES_DIR; }
+ToolPaths ToolPaths::ofThisInstallation() {
+    return ToolPaths{
+        .bomTool = helperPath("whittle-bom"),
+        .copyTool = helperPath("whittle-copy"),
+        .diskImageTool = helperPath("whittle-diskimage"),
+        .zipTool = WHITTLE_ZIP_TOOL,
+        .opensslTool = WHITTLE_OPENSSL_TOOL,
+        .chmodTool = WHITTLE_CHMOD_TOOL,
+        .volumesFolder = WHITTLE_VOLUMES_DIR,
+    };
+}
 
 }  // namespace whittle

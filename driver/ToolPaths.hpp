@@ -1,5 +1,5 @@
-// Where the platform tools are. zip, openssl and chmod are at paths fixed when whittle
-// is built. The project's own helpers (whittle-bom, whittle-copy, whittle-diskimage)
+// Where the platform tools are, fixed once when a run starts. zip, openssl and chmod
+// are at paths fixed when whittle is built. The project's own helpers (whittle-bom, whittle-copy, whittle-diskimage)
 // are at the folder fixed when whittle is built, if one was; otherwise they are looked
 // for relative to the resolved whittle executable: first in "../libexec/whittle" (an
 // installed tree, which keeps working when moved as a whole), then beside it (a build
@@ -12,19 +12,25 @@
 
 namespace whittle {
 
-std::string bomToolPath();
-std::string copyToolPath();
-std::string diskImageToolPath();
-std::string zipToolPath();
-std::string opensslToolPath();
-std::string chmodToolPath();
-// The folder under which attached disk images appear.
-std::string volumesFolder();
+struct ToolPaths {
+    std::string bomTool;
+    std::string copyTool;
+    std::string diskImageTool;
+    std::string zipTool;
+    std::string opensslTool;
+    std::string chmodTool;
+    // The folder under which attached disk images appear.
+    std::string volumesFolder;
+
+    // The tools of this installation, as the build settings and the resolved
+    // executable's place say.
+    static ToolPaths ofThisInstallation();
+};
 
 // Every path at which the helper named `helperName` (e.g. "whittle-bom") is looked
-// for, most preferred first. The helper path accessors above answer the first of these
-// that is an executable file, or, when none is, the first one: so a caller whose helper
-// cannot be run can name what was looked at.
+// for, most preferred first. A helper's path is the first of these that is an
+// executable file, or, when none is, the first one: so a caller whose helper cannot
+// be run can name what was looked at.
 std::vector<std::string> helperCandidatePaths(std::string_view helperName);
 
 // The same, for a whittle executable in `executableFolder` (no build-time folder).

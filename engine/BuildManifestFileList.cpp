@@ -63,11 +63,11 @@ std::vector<std::string> Stripper3::submanifestStartingAt(const std::string& fol
     std::vector<std::string> paths;
     // A start folder reached through a symbolic link is not listed: its entries
     // would lie outside the bundle.
-    if (folder.empty() || files_.isFolder(folder)) {
+    if (folder.empty() || files_->isFolder(folder)) {
         if (deep) {
-            files_.listDeep(folder, paths);
+            files_->listDeep(folder, paths);
         } else {
-            for (const auto& name : files_.entries(folder)) paths.push_back(joinPath(folder, name));
+            for (const auto& name : files_->entries(folder)) paths.push_back(joinPath(folder, name));
         }
     }
     if (!deep) shallowPathContentsCache_[folder] = paths;

@@ -44,7 +44,7 @@ int Stripper3::stripBundleImages(const Value&) {
 int Stripper3::keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* message,
                                         bool messageNamesTarget) {
     if (!option(optionKey)) return 0;
-    auto target = files_.linkTarget(linkName);
+    auto target = files_->linkTarget(linkName);
     // A plain file under the link's name is deliberately not kept.
     if (!target) return 0;
     if (messageNamesTarget) {
@@ -66,7 +66,7 @@ int Stripper3::stripSDKs(const Value&) {
 }
 
 int Stripper3::stripFactoryDiskImage(const Value&) {
-    if (files_.exists(kFactoryDiskImage) && files_.exists(kFactoryDiskImageSignature)) {
+    if (files_->exists(kFactoryDiskImage) && files_->exists(kFactoryDiskImageSignature)) {
         Log("+++ FactoryDiskImage and signature file found.");
         copiedFilelist_.insert(kFactoryDiskImage);
         copiedFilelist_.insert(kFactoryDiskImageSignature);
@@ -115,7 +115,7 @@ int Stripper3::stripFWPKs(const Value& item) {
 }
 
 int Stripper3::stripRestoreTools(const Value&) {
-    if (auto target = files_.linkTarget(kRestoreTools)) {
+    if (auto target = files_->linkTarget(kRestoreTools)) {
         Log("+++ RestoreTools found %@.", *target);
         copiedFilelist_.insert(*target);
         copiedFilelist_.insert(kRestoreTools);
@@ -128,7 +128,7 @@ int Stripper3::stripRestoreTools(const Value&) {
     // Links and the images they point at drop out, judged on the list as it was.
     std::set<std::string> eliminated;
     for (const auto& candidate : candidates) {
-        if (auto target = files_.linkTarget(candidate)) {
+        if (auto target = files_->linkTarget(candidate)) {
             eliminated.insert(candidate);
             eliminated.insert(*target);
         }

@@ -1,7 +1,10 @@
-// Everything the engines read from a bundle, reached from the bundle's root folder
-// without ever leaving it: a symbolic link (or "..") that would lead outside the root
-// is not followed, and what lies behind it counts as absent. Links that stay inside
-// the bundle keep working.
+// Everything the engines read from a bundle, whatever holds it (a folder, an archive,
+// a fake in a test): whether a path exists and its kind, a link's target, a file's
+// bytes, and folders listed one level and deep.
+//
+// Nothing is ever reached through a symbolic link (or "..") that leads outside the
+// bundle's root: what lies behind it counts as absent, and the link is warned about
+// once. Links that stay inside the bundle keep working.
 #pragma once
 
 #include <ctime>
@@ -15,44 +18,43 @@ namespace whittle {
 
 class BundleFiles {
 public:
-    // The root is opened once, as named (the root itself may be a link).
-    explicit BundleFiles(std::string root);
-    ~BundleFiles();
-    BundleFiles(const BundleFiles&) = delete;
-    BundleFiles& operator=(const BundleFiles&) = delete;
+    virtual ~BundleFiles() = default;
 
+    // The bundle as the user named it, for messages and the cookie.
     const std::string& root() const { return root_; }
 
     // Paths are bundle-relative ("Restore/BuildManifest.plist"); "" is the root itself.
     // True when anything stands at the path, a link included (its last step is not followed).
-    bool exists(std::string_view relative) const;
+    virtual bool exists(std::string_view relative) const = 0;
     // True for a folder that is not a link at its last step.
-    bool isFolder(std::string_view relative) const;
+    virtual bool isFolder(std::string_view relative) const = 0;
     // The text of the symbolic link at the path, when it is one and it leads to a place
     // inside the bundle (or to nothing there yet); none otherwise.
-    std::optional<std::string> linkTarget(std::string_view relative) const;
+    virtual std::optional<std::string> linkTarget(std::string_view relative) const = 0;
     // The bytes of the regular file at the path (links inside the bundle followed);
     // none for anything else, with the system's error number in `error`.
-    std::optional<std::string> readFile(std::string_view relative, int* error = nullptr) const;
+    virtual std::optional<std::string> readFile(std::string_view relative, int* error = nullptr) const = 0;
     // The modification time of what stands at the path (a link's own), or none.
-    std::optional<struct timespec> modificationTime(std::string_view relative) const;
+    virtual std::optional<struct timespec> modificationTime(std::string_view relative) const = 0;
     // The names inside a folder, sorted; none for a missing folder or one outside.
-    std::vector<std::string> entries(std::string_view relativeFolder) const;
+    virtual std::vector<std::string> entries(std::string_view relativeFolder) const = 0;
     // Appends every path below the folder at any depth, each as the folder's relative
     // path joined with the path below it; links to folders are listed, never entered.
-    void listDeep(std::string_view relativeFolder, std::vector<std::string>& out) const;
+    virtual void listDeep(std::string_view relativeFolder, std::vector<std::string>& out) const;
 
     // The links that were found to lead outside, each warned about once.
     const std::set<std::string>& escapingLinks() const { return escapingLinks_; }
 
-private:
-    // A descriptor of the path resolved beneath the root, or -1 with errno set.
-    int openBeneath(std::string_view relative, int flags, bool followLastLink) const;
-    void noteEscape(std::string_view relative) const;
-    std::string escapingStepOf(std::string_view relative) const;
+protected:
+    explicit BundleFiles(std::string root) : root_(std::move(root)) {}
+    BundleFiles(const BundleFiles&) = delete;
+    BundleFiles& operator=(const BundleFiles&) = delete;
 
+    // Records that the link (or "..") at `step` leads outside; warns the first time.
+    void noteEscapingLink(const std::string& step) const;
+
+private:
     std::string root_;
-    int rootFd_ = -1;
     // Each escaping link is warned about once; noting one does not change what is read.
     mutable std::set<std::string> escapingLinks_;
 };

@@ -17,7 +17,7 @@ Value namesOf(const Value& set) {
 
 int Stripper3::stripFirmwareTextMap(const Value& item, const char* keysName, bool isDeviceMap) {
     const char* file = isDeviceMap ? kDeviceMapText : kTargetMapText;
-    auto text = readFirmwareTextMap(files_, file, isDeviceMap);
+    auto text = readFirmwareTextMap(*files_, file, isDeviceMap);
     if (!text) return 0;
     Value names = namesOf(item.get(keysName));
     FilteredMap map = isDeviceMap ? filterDeviceMapText(*text, names.elements()) : filterTargetMapText(*text, names.elements());
@@ -40,7 +40,7 @@ int Stripper3::stripRestoreFirmwareTargetMapDotTxt(const Value& item) {
 }
 
 int Stripper3::stripRestoreFirmwareDeviceMapDotPlist(const Value& item) {
-    Value map = propertyListInBundle(files_, kDeviceMapPlist);
+    Value map = propertyListInBundle(*files_, kDeviceMapPlist);
     if (!map.isDictionary()) {
         // This step's message has always named the text file.
         Log("!!! WARNING: \"Restore/Firmware/device_map.txt\" not found.");
@@ -58,7 +58,7 @@ int Stripper3::stripRestoreFirmwareDeviceMapDotPlist(const Value& item) {
 }
 
 int Stripper3::stripRestoreFirmwarePlatformKeysDotPlist(const Value& item) {
-    Value keys = propertyListInBundle(files_, kPlatformKeys);
+    Value keys = propertyListInBundle(*files_, kPlatformKeys);
     if (!keys.isDictionary()) {
         Log("!!! WARNING: \"Restore/Firmware/platform_keys.plist\" not found.");
         return 0;

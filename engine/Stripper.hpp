@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/BundleFiles.hpp"
 #include "support/Value.hpp"
 
 namespace whittle {
@@ -44,6 +45,9 @@ struct StripperClass {
     // Answers nullptr when no engine can be made.
     std::unique_ptr<Stripper> (*stripperForPath)(const std::string& bundleRoot, const Value& products,
                                                  const Value& factoryVariants, const Value& options);
+    // The same, for a bundle reached through `files` (a folder, an archive, a fake).
+    std::unique_ptr<Stripper> (*stripperForBundle)(std::shared_ptr<const BundleFiles> files, const Value& products,
+                                                   const Value& factoryVariants, const Value& options);
 };
 
 }  // namespace whittle

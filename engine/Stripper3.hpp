@@ -14,6 +14,7 @@
 #include "engine/FileListRules.hpp"
 #include "engine/Stripper.hpp"
 #include "engine/BundleFiles.hpp"
+#include "engine/FolderBundleFiles.hpp"
 #include "support/PropertyList.hpp"
 #include "support/Value.hpp"
 
@@ -27,11 +28,16 @@ public:
     using WorkOperation = int (Stripper3::*)(const Value&);
     static WorkOperation operationNamed(std::string_view selector);
 
+    Stripper3(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
+              const Value& options);
+    // An engine over the bundle folder at `bundleRoot`.
     Stripper3(std::string bundleRoot, const Value& products, const Value& factoryVariants, const Value& options);
     ~Stripper3() override;
 
     static std::unique_ptr<Stripper> stripperForPath(const std::string& bundleRoot, const Value& products,
                                                      const Value& factoryVariants, const Value& options);
+    static std::unique_ptr<Stripper> stripperForBundle(std::shared_ptr<const BundleFiles> files, const Value& products,
+                                                       const Value& factoryVariants, const Value& options);
     static std::vector<std::string> knownProducts();
     static std::vector<std::string> knownFactoryVariants();
 
@@ -116,7 +122,7 @@ private:
     int chooseIdentities(const Value& item, Value& chosen);
 
     std::string bundleRoot_;
-    BundleFiles files_;
+    std::shared_ptr<const BundleFiles> files_;
     Value stripInfo_;
     Value stripOptions_;
     PropertyList buildManifest_;

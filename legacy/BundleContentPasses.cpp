@@ -57,7 +57,7 @@ int Stripper2::stripBundleImages(const Value&) {
 
 int Stripper2::keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* foundMessage,
                                         bool messageNamesTarget, const char* scrubMessage) {
-    auto target = files_.linkTarget(linkName);
+    auto target = files_->linkTarget(linkName);
     if (option(optionKey)) {
         // A plain file under the link's name is not kept.
         std::vector<std::string> kept;
@@ -138,14 +138,14 @@ int Stripper2::stripFWPKs(const Value& item) {
 
 int Stripper2::stripRestoreTools(const Value&) {
     std::vector<std::string> candidates;
-    for (const auto& name : files_.entries("")) {
+    for (const auto& name : files_->entries("")) {
         if (hasSuffix(name, ".dmg", kCaseInsensitiveSearch) && !name.starts_with("._")) candidates.push_back(name);
     }
     std::vector<std::string> remaining = candidates;
     int result = 0;
     std::optional<std::string> toolName, toolTarget, linkTarget;
     for (const auto& candidate : candidates) {
-        auto target = files_.linkTarget(candidate);
+        auto target = files_->linkTarget(candidate);
         if (target) {
             std::erase_if(remaining, [&](const std::string& name) { return name == candidate || name == *target; });
         }

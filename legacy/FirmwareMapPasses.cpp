@@ -19,7 +19,7 @@ void reportFindings(const char* fileName, const FilteredMap& map, const std::str
 
 int Stripper2::stripFirmwareTextMap(const Value& item, bool isDeviceMap) {
     const char* file = isDeviceMap ? kDeviceMapText : kTargetMapText;
-    auto text = readFirmwareTextMap(files_, file, isDeviceMap);
+    auto text = readFirmwareTextMap(*files_, file, isDeviceMap);
     if (!text) return 0;
     Value names = item.get(isDeviceMap ? "workDeviceClassList" : "workProductList");
     FilteredMap map = isDeviceMap ? filterDeviceMapText(*text, names.elements()) : filterTargetMapText(*text, names.elements());

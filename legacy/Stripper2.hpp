@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "engine/BundleFiles.hpp"
+#include "engine/FolderBundleFiles.hpp"
 #include "engine/Catalogue.hpp"
 #include "engine/Stripper.hpp"
 #include "support/Value.hpp"
@@ -23,10 +24,15 @@ public:
     using WorkOperation = int (Stripper2::*)(const Value&);
     static WorkOperation operationNamed(std::string_view selector);
 
+    Stripper2(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
+              const Value& options);
+    // An engine over the bundle folder at `bundleRoot`.
     Stripper2(std::string bundleRoot, const Value& products, const Value& factoryVariants, const Value& options);
 
     static std::unique_ptr<Stripper> stripperForPath(const std::string& bundleRoot, const Value& products,
                                                      const Value& factoryVariants, const Value& options);
+    static std::unique_ptr<Stripper> stripperForBundle(std::shared_ptr<const BundleFiles> files, const Value& products,
+                                                       const Value& factoryVariants, const Value& options);
     // This engine's own catalogue; it holds the same rows as the default engine's.
     static const Catalogue& catalogue();
     static std::vector<std::string> knownProducts();
@@ -119,7 +125,7 @@ private:
     static Value buildManifestWithIdentities(const Value& buildManifest, const Value& identities, const Value& item);
 
     std::string bundleRoot_;
-    BundleFiles files_;
+    std::shared_ptr<const BundleFiles> files_;
     Value stripOptions_;
     Value stripInfo_;
     std::vector<std::string> originalManifest_;

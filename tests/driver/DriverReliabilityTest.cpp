@@ -12,7 +12,7 @@
 
 #include "TestSupport.hpp"
 #include "driver/Leftovers.hpp"
-#include "driver/ToolRuns.hpp"
+#include "driver/ToolRunner.hpp"
 #include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
@@ -33,24 +33,33 @@ std::string logged(Action action) {
     return LogObject::sharedLogger().historicalLog().substr(before.size());
 }
 
+// The tools of a run whose tools are child processes.
+struct ChildProcessTools {
+    ProcessToolRunner runner;
+    PlatformTools tools{runner, ToolPaths{}, false};
+};
+
 TEST(ToolRuns, ToolThatCannotBeStartedIsNamedWithThePathLookedAt) {
+    ChildProcessTools child;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(runPlatformTool("/nowhere/whittle-bom", {"-s"}), 1);
+    EXPECT_EQ(child.tools.run("/nowhere/whittle-bom", {"-s"}), 1);
     testing::internal::GetCapturedStderr();
-    EXPECT_EQ(logged([] { explainLastToolFailure(); }),
+    EXPECT_EQ(logged([&] { child.tools.explainLastFailure(); }),
               "!!! NOTE: cannot start \"whittle-bom\" at \"/nowhere/whittle-bom\" - No such file or directory.\n");
 }
 
 TEST(ToolRuns, FailedToolIsExplainedByTheLastFiveLinesOfItsErrors) {
     std::string script = "for i in 1 2 3 4 5 6 7; do echo \"line $i\" >&2; done; echo >&2; exit 3";
-    EXPECT_EQ(runPlatformTool("/bin/sh", {"-c", script}), 3);
-    EXPECT_EQ(logged([] { explainLastToolFailure(); }),
+    ChildProcessTools child;
+    EXPECT_EQ(child.tools.run("/bin/sh", {"-c", script}), 3);
+    EXPECT_EQ(logged([&] { child.tools.explainLastFailure(); }),
               "!!! NOTE: line 3\n!!! NOTE: line 4\n!!! NOTE: line 5\n!!! NOTE: line 6\n!!! NOTE: line 7\n");
 }
 
 TEST(ToolRuns, SilentFailureAddsNothing) {
-    EXPECT_EQ(runPlatformTool("/bin/false", {}), 1);
-    EXPECT_EQ(logged([] { explainLastToolFailure(); }), "");
+    ChildProcessTools child;
+    EXPECT_EQ(child.tools.run("/bin/false", {}), 1);
+    EXPECT_EQ(logged([&] { child.tools.explainLastFailure(); }), "");
 }
 
 TEST(Leftovers, NamesCarryTheRunsProcessId) {

@@ -1,164 +1,93 @@
+// What every bundle reader shares: the deep listing built from the one-level listing,
+// the property-list reader, and one warning per link that leads outside. Seen through
+// the in-memory bundle, which is also checked to keep the confinement rule.
 #include "engine/BundleFiles.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <unistd.h>
 
+#include "MemoryBundleFiles.hpp"
 #include "support/LogObject.hpp"
 #include "support/Value.hpp"
-#include "TestSupport.hpp"
 
 namespace whittle {
 namespace {
 
-using test::TempDir;
-using test::writeFile;
+using test::MemoryBundleFiles;
 
-// A bundle folder beside a folder that stands for the rest of the machine.
-class BundleFilesTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ::mkdir(bundle().c_str(), 0755);
-        ::mkdir(outside().c_str(), 0755);
-        ::mkdir((bundle() + "/Restore").c_str(), 0755);
-        writeFile(bundle() + "/Restore/inside.txt", "inside");
-        writeFile(outside() + "/secret.txt", "secret");
-        ::mkdir((outside() + "/Firmware").c_str(), 0755);
-        writeFile(outside() + "/Firmware/target_map.txt", "outside map");
-    }
-    std::string bundle() const { return temp_ / "bundle"; }
-    std::string outside() const { return temp_ / "outside"; }
-    void link(const std::string& target, const std::string& relative) const {
-        ASSERT_EQ(::symlink(target.c_str(), (bundle() + "/" + relative).c_str()), 0);
-    }
-    // What the logger said while the action ran.
-    template <typename Action>
-    static std::string logged(Action action) {
-        std::string before = LogObject::sharedLogger().historicalLog();
-        action();
-        return LogObject::sharedLogger().historicalLog().substr(before.size());
-    }
-
-    TempDir temp_;
-};
-
-TEST_F(BundleFilesTest, ReadsFilesAndFollowsLinksThatStayInside) {
-    link("inside.txt", "Restore/alias.txt");
-    BundleFiles files(bundle());
-    EXPECT_EQ(files.readFile("Restore/inside.txt").value_or(""), "inside");
-    EXPECT_EQ(files.readFile("Restore/alias.txt").value_or(""), "inside");
-    EXPECT_TRUE(files.escapingLinks().empty());
+std::string loggedBy(const std::function<void()>& action) {
+    std::string before = LogObject::sharedLogger().historicalLog();
+    action();
+    return LogObject::sharedLogger().historicalLog().substr(before.size());
 }
 
-TEST_F(BundleFilesTest, FileLinkLeadingOutsideCountsAsAbsentWithOneWarning) {
-    link(outside() + "/secret.txt", "Restore/BuildManifest.plist");
-    BundleFiles files(bundle());
-    std::string said = logged([&] {
-        int error = 0;
-        EXPECT_FALSE(files.readFile("Restore/BuildManifest.plist", &error));
-        EXPECT_EQ(error, ENOENT);
-        EXPECT_FALSE(files.readFile("Restore/BuildManifest.plist"));
-    });
-    EXPECT_EQ(said, "!!! WARNING: \"Restore/BuildManifest.plist\" leads outside the bundle and is not followed.\n");
-}
-
-TEST_F(BundleFilesTest, RelativeLinkClimbingOutIsNotFollowed) {
-    link("../../outside/secret.txt", "Restore/up.txt");
-    BundleFiles files(bundle());
-    EXPECT_FALSE(files.readFile("Restore/up.txt"));
-    EXPECT_EQ(files.escapingLinks(), std::set<std::string>{"Restore/up.txt"});
-}
-
-TEST_F(BundleFilesTest, FolderLinkLeadingOutsideHidesEverythingBehindIt) {
-    link(outside(), "Out");
-    BundleFiles files(bundle());
-    EXPECT_FALSE(files.readFile("Out/secret.txt"));
-    EXPECT_TRUE(files.entries("Out").empty());
-    EXPECT_FALSE(files.exists("Out/secret.txt"));
-    EXPECT_FALSE(files.isFolder("Out/Firmware"));
-    // The link itself is an entry of the bundle.
-    EXPECT_TRUE(files.exists("Out"));
-    EXPECT_EQ(files.escapingLinks(), std::set<std::string>{"Out"});
-}
-
-TEST_F(BundleFilesTest, DotDotPathsNeverLeaveTheRoot) {
-    BundleFiles files(bundle());
-    EXPECT_FALSE(files.readFile("../outside/secret.txt"));
-    EXPECT_FALSE(files.readFile("Restore/../../outside/secret.txt"));
-    EXPECT_EQ(files.readFile("Restore/../Restore/inside.txt").value_or(""), "inside");
-}
-
-TEST_F(BundleFilesTest, AbsoluteLinksAreNotFollowedEvenIntoTheBundle) {
-    link(bundle() + "/Restore/inside.txt", "Restore/absolute.txt");
-    BundleFiles files(bundle());
-    EXPECT_FALSE(files.readFile("Restore/absolute.txt"));
-    EXPECT_FALSE(files.linkTarget("Restore/absolute.txt"));
-}
-
-TEST_F(BundleFilesTest, LinkTargetsAreGivenOnlyForLinksThatStayInside) {
-    link("Restore/inside.txt", "Tools.dmg");
-    link("Missing.dmg", "Dangling.dmg");
-    link("/etc/passwd", "Passwd.dmg");
-    BundleFiles files(bundle());
-    EXPECT_EQ(files.linkTarget("Tools.dmg").value_or(""), "Restore/inside.txt");
-    EXPECT_EQ(files.linkTarget("Dangling.dmg").value_or(""), "Missing.dmg");
-    EXPECT_FALSE(files.linkTarget("Passwd.dmg"));
-    EXPECT_FALSE(files.linkTarget("Restore/inside.txt"));
-    EXPECT_EQ(files.escapingLinks(), std::set<std::string>{"Passwd.dmg"});
-}
-
-TEST_F(BundleFilesTest, LinkLoopsCountAsAbsent) {
-    link("loop-b", "Restore/loop-a");
-    link("loop-a", "Restore/loop-b");
-    BundleFiles files(bundle());
-    int error = 0;
-    EXPECT_FALSE(files.readFile("Restore/loop-a", &error));
-    EXPECT_EQ(error, ELOOP);
-    EXPECT_TRUE(files.exists("Restore/loop-a"));
-    EXPECT_FALSE(files.isFolder("Restore/loop-a"));
-}
-
-TEST_F(BundleFilesTest, PipesAndDevicesInPlaceOfFilesAreNeverOpened) {
-    ASSERT_EQ(::mkfifo((bundle() + "/Restore/pipe").c_str(), 0644), 0);
-    BundleFiles files(bundle());
-    int error = -1;
-    // A reader that opened the pipe would wait here for a writer forever.
-    EXPECT_FALSE(files.readFile("Restore/pipe", &error));
-    EXPECT_EQ(error, 0);
-    if (::mknod((bundle() + "/Restore/zero").c_str(), S_IFCHR | 0644, makedev(1, 5)) == 0) {
-        EXPECT_FALSE(files.readFile("Restore/zero"));
-    }
-}
-
-TEST_F(BundleFilesTest, DeepListingListsLinksWithoutEnteringThem) {
-    ::mkdir((bundle() + "/Restore/Firmware").c_str(), 0755);
-    writeFile(bundle() + "/Restore/Firmware/a.bin", "a");
-    link(outside(), "Restore/Out");
-    link("Firmware", "Restore/InsideLink");
-    BundleFiles files(bundle());
+TEST(BundleFiles, DeepListingEntersFoldersButNotLinks) {
+    MemoryBundleFiles files;
+    files.file("Restore/BuildManifest.plist", "x").folder("Firmware/dfu").link("Firmware/all", "dfu").file("top", "t");
     std::vector<std::string> listed;
     files.listDeep("", listed);
-    std::vector<std::string> expected{"Restore", "Restore/Firmware", "Restore/Firmware/a.bin", "Restore/InsideLink",
-                                      "Restore/Out", "Restore/inside.txt"};
-    EXPECT_EQ(listed, expected);
-    EXPECT_TRUE(files.escapingLinks().empty());
+    EXPECT_EQ(listed, (std::vector<std::string>{"Firmware", "Firmware/all", "Firmware/dfu", "Restore",
+                                                "Restore/BuildManifest.plist", "top"}));
 }
 
-TEST_F(BundleFilesTest, AMissingRootHasNothingInIt) {
-    BundleFiles files(temp_ / "no-such-bundle");
-    EXPECT_FALSE(files.exists(""));
-    EXPECT_TRUE(files.entries("").empty());
-    EXPECT_FALSE(files.readFile("Restore/inside.txt"));
+TEST(BundleFiles, DeepListingOfAFolderNamesPathsFromTheRoot) {
+    MemoryBundleFiles files;
+    files.file("Firmware/dfu/a.im4p", "a").file("Firmware/b.im4p", "b");
+    std::vector<std::string> listed;
+    files.listDeep("Firmware", listed);
+    EXPECT_EQ(listed, (std::vector<std::string>{"Firmware/b.im4p", "Firmware/dfu", "Firmware/dfu/a.im4p"}));
 }
 
-TEST_F(BundleFilesTest, PropertyListsAreReadThroughTheSameRule) {
-    writeFile(bundle() + "/Restore/list.plist",
-              "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>a</key><string>b</string></dict></plist>");
-    link(outside() + "/secret.txt", "Restore/out.plist");
-    BundleFiles files(bundle());
-    EXPECT_EQ(propertyListInBundle(files, "Restore/list.plist").get("a").text(), "b");
-    EXPECT_TRUE(propertyListInBundle(files, "Restore/out.plist").isNone());
+TEST(BundleFiles, DeepListingOfAFileOrNothingAddsNothing) {
+    MemoryBundleFiles files;
+    files.file("top", "t");
+    std::vector<std::string> listed;
+    files.listDeep("top", listed);
+    files.listDeep("missing", listed);
+    EXPECT_TRUE(listed.empty());
+}
+
+TEST(BundleFiles, PropertyListsAreParsedOrNone) {
+    MemoryBundleFiles files;
+    files.file("good.plist", "<plist version=\"1.0\"><dict><key>a</key><string>b</string></dict></plist>")
+        .file("bad.plist", "not a list");
+    EXPECT_EQ(propertyListInBundle(files, "good.plist").get("a").text(), "b");
+    EXPECT_TRUE(propertyListInBundle(files, "bad.plist").isNone());
+    EXPECT_TRUE(propertyListInBundle(files, "missing.plist").isNone());
+}
+
+TEST(MemoryBundleFiles, LinksInsideAreFollowedAndLinksOutsideAreAbsentWithOneWarning) {
+    MemoryBundleFiles files;
+    files.file("Restore/real.txt", "real").link("Restore/inside", "real.txt").link("Restore/out", "../../etc/passwd");
+    EXPECT_EQ(files.readFile("Restore/inside"), "real");
+    EXPECT_EQ(files.linkTarget("Restore/inside"), "real.txt");
+    std::string said = loggedBy([&] {
+        EXPECT_FALSE(files.readFile("Restore/out"));
+        EXPECT_FALSE(files.linkTarget("Restore/out"));
+    });
+    EXPECT_EQ(said, "!!! WARNING: \"Restore/out\" leads outside the bundle and is not followed.\n");
+    EXPECT_EQ(files.escapingLinks().size(), 1u);
+}
+
+TEST(MemoryBundleFiles, AbsoluteLinksAndLoopsAreNotFollowed) {
+    MemoryBundleFiles files;
+    files.link("abs", "/Restore/x").link("a", "b").link("b", "a");
+    loggedBy([&] {
+        EXPECT_FALSE(files.readFile("abs"));
+        EXPECT_FALSE(files.readFile("a"));
+    });
+    EXPECT_TRUE(files.exists("abs"));
+    EXPECT_FALSE(files.isFolder("a"));
+}
+
+TEST(MemoryBundleFiles, ReadsAreCountedAndTimesReported) {
+    MemoryBundleFiles files;
+    files.file("f", "x").time({42, 7});
+    files.readFile("f");
+    files.readFile("f");
+    EXPECT_EQ(files.readsOf("f"), 2);
+    ASSERT_TRUE(files.modificationTime("f"));
+    EXPECT_EQ(files.modificationTime("f")->tv_sec, 42);
+    EXPECT_FALSE(files.modificationTime("g"));
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ TEST(HelperPaths, TestBinaryLooksBesideItselfAfterTheInstalledFolder) {
 TEST(HelperPaths, AccessorAnswersThePreferredCandidateWhenNoneIsExecutable) {
     if (!std::string(WHITTLE_CONFIGURED_TOOLS_DIR).empty()) GTEST_SKIP() << "this build fixes the helper folder";
     // Neither candidate exists beside the test binary, so the accessor names the first.
-    EXPECT_EQ(bomToolPath(), helperCandidatePaths("whittle-bom").front());
+    EXPECT_EQ(ToolPaths::ofThisInstallation().bomTool, helperCandidatePaths("whittle-bom").front());
 }
 
 TEST(HelperPaths, ExecutableFileTest) {

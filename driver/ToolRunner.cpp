@@ -1,4 +1,4 @@
-#include "driver/ToolRuns.hpp"
+#include "driver/ToolRunner.hpp"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -7,7 +7,6 @@
 #include <cstring>
 #include <optional>
 
-#include "driver/CommandLine.hpp"
 #include "support/FileSystem.hpp"
 #include "support/LogObject.hpp"
 #include "tools/ProgressLine.hpp"
@@ -18,14 +17,6 @@ namespace whittle {
 namespace {
 
 constexpr std::size_t kExplainedErrorLines = 5;
-
-struct ToolOutcome {
-    std::string path;
-    std::string standardError;
-    int launchError = 0;
-};
-
-ToolOutcome lastOutcome;
 
 std::vector<std::string> nonEmptyLinesOf(const std::string& text) {
     std::vector<std::string> lines;
@@ -53,23 +44,32 @@ std::size_t terminalColumns(int fd) {
 
 }  // namespace
 
-int runPlatformTool(const std::string& path, const std::vector<std::string>& arguments, std::string* standardOutput,
-                    const char* workingDirectory) {
-    lastOutcome = ToolOutcome{path, {}, 0};
+ToolResult ProcessToolRunner::run(const ToolCall& call) {
+    ToolResult result;
     // Progress is drawn only for a person watching; it never reaches the log.
     std::optional<ProgressLine> progressLine;
     if (::isatty(STDERR_FILENO) == 1) progressLine.emplace(writeToStandardError, terminalColumns(STDERR_FILENO));
-    return runTool(path.c_str(), &arguments, workingDirectory, standardOutput, &lastOutcome.standardError,
-                   verboseMode == 1, &lastOutcome.launchError, progressLine ? &*progressLine : nullptr);
+    result.status = runTool(call.path.c_str(), &call.arguments, call.workingFolder.empty() ? nullptr : call.workingFolder.c_str(),
+                            &result.standardOutput, &result.standardError, call.echoOutput, &result.launchError,
+                            progressLine ? &*progressLine : nullptr);
+    return result;
 }
 
-void explainLastToolFailure() {
-    if (lastOutcome.launchError != 0) {
-        Log("!!! NOTE: cannot start \"%@\" at \"%@\" - %@.", lastPathComponent(lastOutcome.path), lastOutcome.path,
-            std::string(std::strerror(lastOutcome.launchError)));
+int PlatformTools::run(const std::string& path, const std::vector<std::string>& arguments, std::string* standardOutput,
+                       const std::string& workingFolder) {
+    lastCall_ = ToolCall{path, arguments, workingFolder, verbose_};
+    lastResult_ = runner_.run(lastCall_);
+    if (standardOutput) *standardOutput = lastResult_.standardOutput;
+    return lastResult_.status;
+}
+
+void PlatformTools::explainLastFailure() const {
+    if (lastResult_.launchError != 0) {
+        Log("!!! NOTE: cannot start \"%@\" at \"%@\" - %@.", lastPathComponent(lastCall_.path), lastCall_.path,
+            std::string(std::strerror(lastResult_.launchError)));
         return;
     }
-    auto lines = nonEmptyLinesOf(lastOutcome.standardError);
+    auto lines = nonEmptyLinesOf(lastResult_.standardError);
     std::size_t first = lines.size() > kExplainedErrorLines ? lines.size() - kExplainedErrorLines : 0;
     for (std::size_t i = first; i < lines.size(); ++i) Log("!!! NOTE: %@", lines[i]);
 }
