@@ -488,6 +488,35 @@ TEST(HttpByteSource, ClosedPortIsNamed) {
     EXPECT_EQ(error, "unable to read \"" + url + "\" - no connection to the server could be made (Couldn't connect to server)");
 }
 
+// A port whose queue of connections waiting to be accepted is full: the system drops
+// further connection requests, so that a connection cannot be made in time.
+TEST(HttpByteSource, ConnectionNotMadeInTimeIsNamed) {
+    int port = 0;
+    int listener = listeningSocket(port);
+    ASSERT_EQ(::listen(listener, 0), 0);
+    std::vector<int> queued;
+    for (int i = 0; i < 4; ++i) {
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        (void)::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        queued.push_back(fd);
+    }
+    std::this_thread::sleep_for(100ms);
+    HttpLimits limits;
+    limits.connectTimeout = 1500ms;
+    std::string url = "http://127.0.0.1:" + std::to_string(port) + "/a.zip";
+    std::string error;
+    auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(HttpByteSource::open(url, error, limits));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 8s);
+    EXPECT_EQ(error, "unable to read \"" + url + "\" - no connection to the server could be made within 1.5 s");
+    for (int fd : queued) ::close(fd);
+    ::close(listener);
+}
+
 // ---- answers no well-behaved server gives ----
 
 namespace {
