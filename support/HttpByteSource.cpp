@@ -83,6 +83,50 @@ std::string rangeText(std::uint64_t first, std::uint64_t last) {
     return std::to_string(first) + "-" + std::to_string(last);
 }
 
+std::uint64_t endOf(const ByteRange& range) { return range.offset + range.length; }
+
+// The ranges inside the first `size` bytes, in order, overlapping and touching ones
+// made one.
+std::vector<ByteRange> coalescedWithin(const std::vector<ByteRange>& ranges, std::uint64_t size) {
+    std::vector<ByteRange> spans;
+    for (const auto& range : ranges)
+        if (range.length > 0 && range.offset < size)
+            spans.push_back({range.offset, std::min(range.length, size - range.offset)});
+    std::sort(spans.begin(), spans.end(), [](const ByteRange& a, const ByteRange& b) { return a.offset < b.offset; });
+    std::vector<ByteRange> kept;
+    for (const auto& span : spans) {
+        if (!kept.empty() && span.offset <= endOf(kept.back()))
+            kept.back().length = std::max(endOf(kept.back()), endOf(span)) - kept.back().offset;
+        else
+            kept.push_back(span);
+    }
+    return kept;
+}
+
+// Joins neighbouring ranges across the gaps between them, smallest gaps first, each at
+// most maxGap long and all of them together at most `allowance` bytes.
+std::vector<ByteRange> bridged(const std::vector<ByteRange>& kept, std::uint64_t maxGap, std::uint64_t allowance) {
+    auto gapAfter = [&](std::size_t i) { return kept[i + 1].offset - endOf(kept[i]); };
+    std::vector<std::size_t> gaps;
+    for (std::size_t i = 0; i + 1 < kept.size(); ++i) gaps.push_back(i);
+    std::stable_sort(gaps.begin(), gaps.end(), [&](std::size_t a, std::size_t b) { return gapAfter(a) < gapAfter(b); });
+    std::vector<bool> bridgedAfter(kept.size(), false);
+    for (std::size_t i : gaps) {
+        std::uint64_t gap = gapAfter(i);
+        if (gap > maxGap || gap > allowance) break;
+        bridgedAfter[i] = true;
+        allowance -= gap;
+    }
+    std::vector<ByteRange> joined;
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        if (i > 0 && bridgedAfter[i - 1])
+            joined.back().length = endOf(kept[i]) - joined.back().offset;
+        else
+            joined.push_back(kept[i]);
+    }
+    return joined;
+}
+
 void initialiseCurlOnce() {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -109,7 +153,6 @@ struct HttpByteSource::Transfer {
     std::string lastModified;
     std::optional<std::uint64_t> contentLength;
     bool hasLocation = false;
-    bool headersDone = false;
 
     std::uint64_t received = 0;
     std::string window;       // bytes past sinkEnd
@@ -214,48 +257,12 @@ bool HttpByteSource::stream(const ByteRange& range, const std::function<bool(std
 }
 
 void HttpByteSource::willRead(const std::vector<ByteRange>& ranges) {
-    std::vector<ByteRange> spans;
-    for (const auto& range : ranges) {
-        if (range.length == 0 || range.offset >= size_) continue;
-        spans.push_back({range.offset, std::min(range.length, size_ - range.offset)});
-    }
-    std::sort(spans.begin(), spans.end(), [](const ByteRange& a, const ByteRange& b) { return a.offset < b.offset; });
-
-    // Overlapping and touching ranges become one; the bytes they cover are the kept bytes.
-    std::vector<ByteRange> kept;
-    for (const auto& span : spans) {
-        if (!kept.empty() && span.offset <= kept.back().offset + kept.back().length) {
-            auto end = std::max(kept.back().offset + kept.back().length, span.offset + span.length);
-            kept.back().length = end - kept.back().offset;
-        } else {
-            kept.push_back(span);
-        }
-    }
+    std::vector<ByteRange> kept = coalescedWithin(ranges, size_);
     std::uint64_t keptBytes = 0;
     for (const auto& span : kept) keptBytes += span.length;
-
-    // The smallest gaps are bridged first, while the bytes bridged stay within the bound.
-    std::vector<std::size_t> gaps;
-    for (std::size_t i = 0; i + 1 < kept.size(); ++i) gaps.push_back(i);
-    auto gapAfter = [&](std::size_t i) { return kept[i + 1].offset - (kept[i].offset + kept[i].length); };
-    std::stable_sort(gaps.begin(), gaps.end(), [&](std::size_t a, std::size_t b) { return gapAfter(a) < gapAfter(b); });
-    std::uint64_t budget = keptBytes / 10000 * limits_.overFetchPerTenThousand +
-                           keptBytes % 10000 * limits_.overFetchPerTenThousand / 10000;
-    std::vector<bool> bridged(kept.size(), false);
-    for (std::size_t i : gaps) {
-        std::uint64_t gap = gapAfter(i);
-        if (gap > limits_.mergeGap || gap > budget) break;
-        bridged[i] = true;
-        budget -= gap;
-    }
-
-    planned_.clear();
-    for (std::size_t i = 0; i < kept.size(); ++i) {
-        if (i > 0 && bridged[i - 1])
-            planned_.back().length = kept[i].offset + kept[i].length - planned_.back().offset;
-        else
-            planned_.push_back(kept[i]);
-    }
+    std::uint64_t allowance = keptBytes / 10000 * limits_.overFetchPerTenThousand +
+                              keptBytes % 10000 * limits_.overFetchPerTenThousand / 10000;
+    planned_ = bridged(kept, limits_.mergeGap, allowance);
 }
 
 std::uint64_t HttpByteSource::fetchEndFor(std::uint64_t offset, std::uint64_t end) const {
@@ -286,29 +293,7 @@ bool HttpByteSource::fetch(std::uint64_t offset, std::uint64_t sinkEnd, std::uin
 
 // What the answer's headers say about the request; empty when the body may come.
 std::string HttpByteSource::checkAnswer(const Transfer& transfer) const {
-    if (transfer.status == 206) {
-        if (transfer.contentRange.empty()) return "the server's partial answer has no Content-Range";
-        auto range = parseContentRange(transfer.contentRange);
-        if (!range || !range->first)
-            return "the server answered with a malformed Content-Range \"" + transfer.contentRange + "\"";
-        if (transfer.tail) {
-            if (!range->total) return "the server does not tell the file's size";
-            std::uint64_t expectedFirst = *range->total - std::min(transfer.tailLength, *range->total);
-            if (*range->first != expectedFirst || range->last + 1 != *range->total)
-                return "the server sent bytes " + rangeText(*range->first, range->last) + " where the last " +
-                       std::to_string(transfer.tailLength) + " were asked";
-            return {};
-        }
-        if (auto changed = checkSameFile(transfer); !changed.empty()) return changed;
-        std::uint64_t last = transfer.fetchEnd - 1;
-        if (*range->first == transfer.offset && range->last < last)
-            return "the server sent " + std::to_string(range->last + 1 - transfer.offset) + " bytes where " +
-                   std::to_string(transfer.expected()) + " were asked";
-        if (*range->first != transfer.offset || range->last != last)
-            return "the server sent bytes " + rangeText(*range->first, range->last) + " where " +
-                   rangeText(transfer.offset, last) + " were asked";
-        return {};
-    }
+    if (transfer.status == 206) return checkPartialAnswer(transfer);
     if (transfer.status == 200) {
         if (transfer.tail && transfer.contentLength == std::uint64_t(0)) return {};
         if (!transfer.tail)
@@ -324,6 +309,31 @@ std::string HttpByteSource::checkAnswer(const Transfer& transfer) const {
     std::string answer = "the server answered " + std::to_string(transfer.status);
     if (!transfer.statusText.empty()) answer += " " + transfer.statusText;
     return answer;
+}
+
+// A partial answer must carry the bytes asked for, of the file first opened.
+std::string HttpByteSource::checkPartialAnswer(const Transfer& transfer) const {
+    if (transfer.contentRange.empty()) return "the server's partial answer has no Content-Range";
+    auto range = parseContentRange(transfer.contentRange);
+    if (!range || !range->first)
+        return "the server answered with a malformed Content-Range \"" + transfer.contentRange + "\"";
+    if (transfer.tail) {
+        if (!range->total) return "the server does not tell the file's size";
+        std::uint64_t expectedFirst = *range->total - std::min(transfer.tailLength, *range->total);
+        if (*range->first != expectedFirst || range->last + 1 != *range->total)
+            return "the server sent bytes " + rangeText(*range->first, range->last) + " where the last " +
+                   std::to_string(transfer.tailLength) + " were asked";
+        return {};
+    }
+    if (auto changed = checkSameFile(transfer); !changed.empty()) return changed;
+    std::uint64_t last = transfer.fetchEnd - 1;
+    if (*range->first == transfer.offset && range->last < last)
+        return "the server sent " + std::to_string(range->last + 1 - transfer.offset) + " bytes where " +
+               std::to_string(transfer.expected()) + " were asked";
+    if (*range->first != transfer.offset || range->last != last)
+        return "the server sent bytes " + rangeText(*range->first, range->last) + " where " +
+               rangeText(transfer.offset, last) + " were asked";
+    return {};
 }
 
 // Empty when the answer is about the file first opened: same size, same validator.
@@ -516,7 +526,6 @@ bool HttpByteSource::endHeaders(Transfer& transfer) {
         }
         transfer.sinkEnd = transfer.offset;
     }
-    transfer.headersDone = true;
     return true;
 }
 

@@ -101,6 +101,7 @@ private:
                const std::function<bool(std::string_view)>& sink, std::string& error);
     bool perform(Transfer& transfer, std::string& error);
     std::string checkAnswer(const Transfer& transfer) const;
+    std::string checkPartialAnswer(const Transfer& transfer) const;
     std::string checkSameFile(const Transfer& transfer) const;
     std::string transferFailure(const Transfer& transfer, int code) const;
     std::uint64_t fetchEndFor(std::uint64_t offset, std::uint64_t end) const;
