@@ -15,6 +15,7 @@
 #include <set>
 #include <vector>
 
+#include "driver/ArchiveSources.hpp"
 #include "driver/Interrupts.hpp"
 #include "driver/Leftovers.hpp"
 #include "driver/TargetWriters.hpp"
@@ -100,6 +101,8 @@ private:
     int writeTarget(Stripper& engine);
     int writeBomTarget(Stripper& engine);
     int writeZipTarget(Stripper& engine);
+    int updateAndChecksumZipTarget(Stripper& engine);
+    int copyKeptPaths(Stripper& engine, const std::string& destination);
     int writeDiskImageTarget(Stripper& engine);
     int writeFolderTarget(Stripper& engine);
     int makeTemporaryFolder();
@@ -113,6 +116,8 @@ private:
     void eject();
     std::unique_ptr<Stripper> createEngine();
     std::shared_ptr<const BundleFiles> sourceFiles();
+    // The source's archive, when the bundle is read from one.
+    const ZipBundleFiles* sourceArchive();
 
     RunRequest& request_;
     const RunServices& services_;
@@ -146,6 +151,7 @@ int Run::execute() {
 
 void Run::reportSourceKindProblems() {
     const std::string& source = *request_.source;
+    if (isRemoteSource(source)) return;
     struct stat info {};
     if (::stat(source.c_str(), &info) != 0) {
         int error = errno;
@@ -154,7 +160,7 @@ void Run::reportSourceKindProblems() {
         } else {
             Log("XXX ERROR: source \"%@\" cannot be reached - %@.", source, std::string(std::strerror(error)));
         }
-    } else if (!S_ISDIR(info.st_mode) && !equalsIgnoringCase(pathExtension(source), "dmg")) {
+    } else if (!S_ISDIR(info.st_mode) && !equalsIgnoringCase(pathExtension(source), "dmg") && !isArchiveSource(source)) {
         Log("XXX ERROR: source \"%@\" is neither a folder nor a disk image (\".dmg\").", source);
     }
 }
@@ -162,7 +168,8 @@ void Run::reportSourceKindProblems() {
 void Run::reportMissingRestoreFolder() {
     const std::string& source = *request_.source;
     struct stat info {};
-    if (::stat(source.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return;
+    bool isFolder = ::stat(source.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    if (!isFolder && !sourceArchive()) return;
     auto files = sourceFiles();
     if (!files->isFolder("Restore") && !files->linkTarget("Restore")) {
         Log("XXX ERROR: source \"%@\" has no \"Restore\" folder.", source);
@@ -214,6 +221,11 @@ Run::Next Run::mountSource() {
 std::shared_ptr<const BundleFiles> Run::sourceFiles() {
     if (!sourceFiles_) sourceFiles_ = services_.openBundle(*request_.source);
     return sourceFiles_;
+}
+
+const ZipBundleFiles* Run::sourceArchive() {
+    if (!isArchiveSource(*request_.source)) return nullptr;
+    return dynamic_cast<const ZipBundleFiles*>(sourceFiles().get());
 }
 
 std::unique_ptr<Stripper> Run::createEngine() {
@@ -440,6 +452,12 @@ int Run::writeZipTarget(Stripper& engine) {
     std::string name = lastPathComponent(*request_.target);
     if (int status = makeTemporaryFolder()) return status;
     temporaryItems_.push_back(temporaryFolder());
+    if (const auto* archive = sourceArchive()) {
+        Log(">>> creating ZIP archive \"%@\".", name);
+        if (int status = copyKeptEntries(*archive, engine.strippedManifest(), stagedTarget_)) return status;
+        if (interrupted()) return 128 + stopSignal();
+        return updateAndChecksumZipTarget(engine);
+    }
     // The BOM lives in the temporary folder, never beside the target where a file of
     // the user's could stand under its name.
     std::string bomPath = joinFolderAndName(temporaryFolder(), withoutExtension(name) + ".bom");
@@ -454,13 +472,19 @@ int Run::writeZipTarget(Stripper& engine) {
         tools_.explainLastFailure();
         return status;
     }
+    return updateAndChecksumZipTarget(engine);
+}
+
+int Run::updateAndChecksumZipTarget(Stripper& engine) {
+    std::string name = lastPathComponent(*request_.target);
     Log(">>> updating files in ZIP archive \"%@\".", name);
     std::string bundleFolder = temporaryBundleFolder();
     std::error_code ignored;
     std::filesystem::create_directories(bundleFolder, ignored);
     // zip records access times too; these lie beyond the point where reading the files
     // would update them, so that every run records the same.
-    if ((status = applyModifiedFilesTo(engine, bundleFolder, kUnchangingAccessTime)) != 0) return status;
+    int status = applyModifiedFilesTo(engine, bundleFolder, kUnchangingAccessTime);
+    if (status != 0) return status;
     if (!std::filesystem::is_empty(bundleFolder, ignored)) {
         status = tools_.run(tools_.paths().zipTool, {"-rvy", stagedTarget_, "."}, nullptr, bundleFolder);
         if (status != 0) {
@@ -481,7 +505,7 @@ int Run::writeDiskImageTarget(Stripper& engine) {
     std::string bundleFolder = temporaryBundleFolder();
     Log(">>> copying bundle to temporary folder \"%@\".", lastPathComponent(bundleFolder));
     if (int status = makeTemporaryFolder()) return status;
-    int status = copyBundleThroughBom(tools_, engine, bundleFolder);
+    int status = copyKeptPaths(engine, bundleFolder);
     temporaryItems_.push_back(temporaryFolder());
     if (status != 0) return status;
     Log(">>> updating files in temporary folder \"%@\".", lastPathComponent(bundleFolder));
@@ -503,9 +527,15 @@ int Run::writeDiskImageTarget(Stripper& engine) {
     return 0;
 }
 
+// The kept paths, out of the source folder through a BOM, or out of the source archive.
+int Run::copyKeptPaths(Stripper& engine, const std::string& destination) {
+    if (const auto* archive = sourceArchive()) return extractKeptPaths(*archive, engine.strippedManifest(), destination);
+    return copyBundleThroughBom(tools_, engine, destination);
+}
+
 int Run::writeFolderTarget(Stripper& engine) {
     Log(">>> copying bundle to \"%@\".", lastPathComponent(*request_.target));
-    if (int status = copyBundleThroughBom(tools_, engine, stagedTarget_)) return status;
+    if (int status = copyKeptPaths(engine, stagedTarget_)) return status;
     if (interrupted()) return 128 + stopSignal();
     Log(">>> updating files in \"%@\".", lastPathComponent(*request_.target));
     return applyModifiedFilesTo(engine, stagedTarget_);
@@ -564,11 +594,17 @@ void Run::eject() {
 
 }  // namespace
 
+std::shared_ptr<const BundleFiles> openBundleAt(const std::string& root) {
+    if (!isArchiveSource(root)) return std::make_shared<FolderBundleFiles>(root);
+    if (auto archive = openArchiveBundle(root)) return archive;
+    return std::make_shared<UnreadableBundleFiles>(root);
+}
+
 RunServices realRunServices(ToolRunner& processRunner) {
     return RunServices{
         .toolRunner = processRunner,
         .toolPaths = ToolPaths::ofThisInstallation(),
-        .openBundle = [](const std::string& root) { return std::make_shared<FolderBundleFiles>(root); },
+        .openBundle = openBundleAt,
         .moveToTrash = [](const std::string& path, std::string& error) { return moveToTrash(path, error); },
     };
 }

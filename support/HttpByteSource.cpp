@@ -397,6 +397,8 @@ bool HttpByteSource::perform(Transfer& transfer, std::string& error) {
     char message[CURL_ERROR_SIZE] = {};
     transfer.source = this;
     curl_easy_setopt(curl, CURLOPT_URL, effectiveUrl_.c_str());
+    // The command line is the only configuration: no proxy named in the environment.
+    curl_easy_setopt(curl, CURLOPT_PROXY, "");
     curl_easy_setopt(curl, CURLOPT_RANGE, range.c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, message);
