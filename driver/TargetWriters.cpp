@@ -14,8 +14,9 @@
 #include "engine/BundlePaths.hpp"
 #include "driver/ToolRuns.hpp"
 #include "support/ContainedPaths.hpp"
-#include "support/FileSystem.hpp"
+#include "support/DescriptorIo.hpp"
 #include "support/LogObject.hpp"
+#include "support/Paths.hpp"
 #include "support/PlistCodec.hpp"
 
 namespace whittle {
