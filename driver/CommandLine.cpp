@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "support/FileSystem.hpp"
+#include "support/Paths.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
 #include "support/PlistCodec.hpp"

@@ -10,6 +10,7 @@
 
 #include "support/FileSystem.hpp"
 #include "support/LogObject.hpp"
+#include "support/Paths.hpp"
 #include "support/Trash.hpp"
 
 namespace whittle {
@@ -67,18 +68,18 @@ void clearLeftover(const std::string& path) {
 }  // namespace
 
 std::string stagingPathFor(const std::string& absoluteTarget, int processId) {
-    return joinFolderAndName(parentFolderOf(absoluteTarget),
+    return joinPath(parentFolderOf(absoluteTarget),
                              std::string(kStagingPrefix) + std::to_string(processId) + "-" + lastPathComponent(absoluteTarget));
 }
 
 std::string temporaryFolderFor(const std::string& absoluteTarget, int processId) {
-    return joinFolderAndName(parentFolderOf(absoluteTarget), std::string(kTemporaryFolderPrefix) + std::to_string(processId));
+    return joinPath(parentFolderOf(absoluteTarget), std::string(kTemporaryFolderPrefix) + std::to_string(processId));
 }
 
 void clearLeftoversOfEndedRuns(const std::string& folder) {
     for (const auto& name : namesInFolder(folder)) {
         auto owner = ownerOf(name);
-        if (owner && !isLiveRun(*owner)) clearLeftover(joinFolderAndName(folder, name));
+        if (owner && !isLiveRun(*owner)) clearLeftover(joinPath(folder, name));
     }
 }
 

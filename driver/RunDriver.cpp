@@ -423,7 +423,7 @@ int Run::moveStagedTargetIntoPlace() {
 std::string Run::temporaryFolder() const { return temporaryFolderFor(absoluteTarget_, ::getpid()); }
 
 std::string Run::temporaryBundleFolder() const {
-    return joinFolderAndName(temporaryFolder(), withoutExtension(lastPathComponent(absoluteTarget_)));
+    return joinPath(temporaryFolder(), withoutExtension(lastPathComponent(absoluteTarget_)));
 }
 
 int Run::makeTemporaryFolder() {
@@ -460,7 +460,7 @@ int Run::writeZipTarget(Stripper& engine) {
     }
     // The BOM lives in the temporary folder, never beside the target where a file of
     // the user's could stand under its name.
-    std::string bomPath = joinFolderAndName(temporaryFolder(), withoutExtension(name) + ".bom");
+    std::string bomPath = joinPath(temporaryFolder(), withoutExtension(name) + ".bom");
     if (int status = createBomFromManifest(tools_, engine, bomPath)) return status;
     if (interrupted()) return 128 + stopSignal();
 

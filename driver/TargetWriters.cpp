@@ -12,8 +12,9 @@
 #include "engine/BundleFiles.hpp"
 #include "engine/BundlePaths.hpp"
 #include "support/ContainedPaths.hpp"
-#include "support/FileSystem.hpp"
+#include "support/DescriptorIo.hpp"
 #include "support/LogObject.hpp"
+#include "support/Paths.hpp"
 #include "support/PlistCodec.hpp"
 
 namespace whittle {

@@ -3,13 +3,12 @@
 #include <algorithm>
 
 #include "engine/BundleListing.hpp"
-#include "engine/BundlePaths.hpp"
 #include "engine/Catalogue.hpp"
 #include "engine/FileListRules.hpp"
 #include "engine/Stripper3.hpp"
-#include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle {
 

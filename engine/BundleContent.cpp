@@ -6,7 +6,7 @@
 
 #include "engine/BundleListing.hpp"
 #include "engine/Stripper3.hpp"
-#include "support/FileSystem.hpp"
+#include "support/Paths.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
 

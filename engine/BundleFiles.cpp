@@ -1,6 +1,6 @@
 #include "engine/BundleFiles.hpp"
 
-#include "engine/BundlePaths.hpp"
+#include "support/Paths.hpp"
 #include "support/LogObject.hpp"
 #include "support/PlistCodec.hpp"
 #include "support/Value.hpp"

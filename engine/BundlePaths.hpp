@@ -1,20 +1,10 @@
-// Path chores on bundle-relative paths ("Restore/Firmware/x.bin").
+// Where a bundle keeps its manifests.
 #pragma once
-
-#include <string>
-#include <string_view>
 
 namespace whittle {
 
 // The bundle's two manifests.
 inline constexpr const char* kBuildManifest = "Restore/BuildManifest.plist";
 inline constexpr const char* kRestorePlist = "Restore/Restore.plist";
-
-// "Restore/Firmware/x.bin" -> "Restore/Firmware"; "x.bin" -> ""; "/x" -> "/".
-std::string deletingLastPathComponent(std::string_view path);
-// "folder" + "/" + "name", or the bare name when the folder is "".
-std::string joinPath(std::string_view folder, std::string_view name);
-std::string lowercased(std::string_view text);
-std::string uppercased(std::string_view text);
 
 }  // namespace whittle

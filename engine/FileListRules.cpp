@@ -1,10 +1,9 @@
 #include "engine/FileListRules.hpp"
 
-#include "engine/BundlePaths.hpp"
 #include "engine/Catalogue.hpp"
-#include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle {
 

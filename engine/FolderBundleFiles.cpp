@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "engine/BundlePaths.hpp"
+#include "support/Paths.hpp"
 #include "support/FileSystem.hpp"
 
 namespace whittle {

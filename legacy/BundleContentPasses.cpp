@@ -5,7 +5,7 @@
 
 #include "engine/BundleListing.hpp"
 #include "legacy/Stripper2Internals.hpp"
-#include "support/FileSystem.hpp"
+#include "support/Paths.hpp"
 #include "support/Helpers.hpp"
 
 namespace whittle {

@@ -4,7 +4,7 @@
 #include <set>
 
 #include "legacy/Stripper2Internals.hpp"
-#include "support/FileSystem.hpp"
+#include "support/Paths.hpp"
 #include "support/Helpers.hpp"
 
 namespace whittle {

@@ -8,9 +8,9 @@
 #include "engine/Cookie.hpp"
 #include "engine/WorkList.hpp"
 #include "legacy/Stripper2Internals.hpp"
-#include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
+#include "support/Paths.hpp"
 #include "support/PlistCodec.hpp"
 
 namespace whittle {

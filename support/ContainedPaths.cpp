@@ -1,6 +1,6 @@
 #include "support/ContainedPaths.hpp"
 
-#include "support/FileSystem.hpp"
+#include "support/DescriptorIo.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -30,25 +30,9 @@ std::vector<std::string> componentsOf(std::string_view relative) {
     return parts;
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
-
 // Opens the folder that holds the path's last component, creating missing folders and
 // refusing symbolic links on the way. Answers the last component, or "" on failure.
-std::string openParent(const std::string& root, std::string_view relative, Descriptor& parent, std::string& error) {
+std::string openParent(const std::string& root, std::string_view relative, UniqueDescriptor& parent, std::string& error) {
     if (!isContainedRelativePath(relative)) {
         error = kOutsideTarget;
         return {};
@@ -89,12 +73,12 @@ bool isContainedRelativePath(std::string_view relative) {
 }
 
 bool writeContainedFile(const std::string& root, std::string_view relative, std::string_view bytes, std::string& error) {
-    Descriptor parent;
+    UniqueDescriptor parent;
     std::string leaf = openParent(root, relative, parent, error);
     if (leaf.empty()) return false;
     for (int attempt = 0; attempt < 100; ++attempt) {
         std::string temporary = temporaryName(leaf);
-        Descriptor file(::openat(parent.get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+        UniqueDescriptor file(::openat(parent.get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
         if (file.get() < 0) {
             if (errno == EEXIST) continue;
             error = std::strerror(errno);
@@ -114,7 +98,7 @@ bool writeContainedFile(const std::string& root, std::string_view relative, std:
 
 bool makeContainedSymlink(const std::string& root, std::string_view relative, const std::string& target,
                           std::string& error) {
-    Descriptor parent;
+    UniqueDescriptor parent;
     std::string leaf = openParent(root, relative, parent, error);
     if (leaf.empty()) return false;
     ::unlinkat(parent.get(), leaf.c_str(), 0);

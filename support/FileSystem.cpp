@@ -11,49 +11,20 @@
 #include <cstring>
 #include <vector>
 
+#include "support/DescriptorIo.hpp"
+#include "support/Paths.hpp"
+
 namespace whittle {
 
 namespace {
 
 constexpr std::uint64_t kLargestReadableFile = 0xFFFFFFFFull;
 
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
-
-
 }  // namespace
-
-bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
 
 std::optional<std::string> readWholeFile(const std::string& path) {
     // Non-blocking open, so that a named pipe in place of a file cannot stall the run.
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    UniqueDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) return std::nullopt;
     return readWholeDescriptor(fd.get());
 }
@@ -109,10 +80,10 @@ int standardOutputError() {
 }
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string& error) {
-    std::string temporary = joinFolderAndName(parentFolderOf(path), "." + lastPathComponent(path) + ".XXXXXX");
+    std::string temporary = joinPath(parentFolderOf(path), "." + lastPathComponent(path) + ".XXXXXX");
     std::vector<char> templateBuffer(temporary.begin(), temporary.end());
     templateBuffer.push_back('\0');
-    FileDescriptor fd(::mkstemp(templateBuffer.data()));
+    UniqueDescriptor fd(::mkstemp(templateBuffer.data()));
     if (fd.get() < 0) {
         error = std::strerror(errno);
         return false;
@@ -135,38 +106,6 @@ std::vector<std::string> namesInFolder(const std::string& folder) {
         ::closedir(listing);
     }
     return names;
-}
-
-std::string lastPathComponent(std::string_view path) {
-    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-    auto slash = path.find_last_of('/');
-    if (slash == std::string_view::npos || path.size() == 1) return std::string(path);
-    return std::string(path.substr(slash + 1));
-}
-
-std::string parentFolderOf(std::string_view path) {
-    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-    auto slash = path.find_last_of('/');
-    if (slash == std::string_view::npos) return ".";
-    return slash == 0 ? std::string("/") : std::string(path.substr(0, slash));
-}
-
-std::string joinFolderAndName(std::string_view folder, std::string_view name) {
-    std::string joined(folder);
-    if (joined.empty() || joined.back() != '/') joined += '/';
-    joined += name;
-    return joined;
-}
-
-std::string pathExtension(std::string_view path) {
-    std::string name = lastPathComponent(path);
-    auto dot = name.find_last_of('.');
-    return (dot == std::string::npos || dot == 0) ? std::string() : name.substr(dot + 1);
-}
-
-std::string withoutExtension(std::string_view name) {
-    auto dot = name.find_last_of('.');
-    return std::string((dot == std::string_view::npos || dot == 0) ? name : name.substr(0, dot));
 }
 
 }  // namespace whittle

@@ -58,6 +58,19 @@ bool hasSuffix(std::string_view text, std::string_view suffix, unsigned options)
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) { return sameIgnoringCase(a, b); }
 
+std::string lowercased(std::string_view text) {
+    std::string out(text);
+    std::transform(out.begin(), out.end(), out.begin(), foldCase);
+    return out;
+}
+
+std::string uppercased(std::string_view text) {
+    std::string out(text);
+    std::transform(out.begin(), out.end(), out.begin(),
+                   [](char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; });
+    return out;
+}
+
 bool containsIgnoringCase(std::string_view text, std::string_view needle) {
     auto found = std::search(text.begin(), text.end(), needle.begin(), needle.end(),
                              [](char x, char y) { return foldCase(x) == foldCase(y); });

@@ -58,6 +58,9 @@ bool hasSuffix(std::string_view text, std::string_view suffix, unsigned options)
 // ---- case-insensitive comparison ----
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
+// The text with ASCII letters turned to lower case, or to upper case; other bytes stay.
+std::string lowercased(std::string_view text);
+std::string uppercased(std::string_view text);
 bool containsIgnoringCase(std::string_view text, std::string_view needle);
 // <0, 0 or >0, comparing letters without regard to case.
 int compareIgnoringCase(std::string_view a, std::string_view b);

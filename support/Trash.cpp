@@ -11,7 +11,8 @@
 #include <ctime>
 #include <filesystem>
 
-#include "support/FileSystem.hpp"
+#include "support/DescriptorIo.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle {
 
@@ -89,7 +90,7 @@ std::string reserveTrashName(const std::string& trash, const std::string& origin
             error = std::strerror(errno);
             return {};
         }
-        bool written = ::write(fd, record.data(), record.size()) == static_cast<ssize_t>(record.size());
+        bool written = writeAll(fd, record);
         ::close(fd);
         if (written) return name;
         ::unlink(info.c_str());

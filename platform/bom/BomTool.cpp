@@ -12,6 +12,7 @@
 #include "platform/bom/BomWriter.hpp"
 #include "platform/bom/FileBytes.hpp"
 #include "platform/helper/StopCleanup.hpp"
+#include "support/DescriptorIo.hpp"
 
 namespace {
 
@@ -103,13 +104,8 @@ public:
         if (buffer_.size() >= kFlushSize) flush();
     }
     void flush() {
-        std::string_view pending = buffer_;
-        while (!pending.empty()) {
-            ssize_t written = ::write(STDOUT_FILENO, pending.data(), pending.size());
-            if (written < 0 && errno == EINTR) continue;
-            if (written < 0) throw BomError(std::string("cannot write the listing: ") + std::strerror(errno));
-            pending.remove_prefix(static_cast<std::size_t>(written));
-        }
+        if (!whittle::writeAll(STDOUT_FILENO, buffer_))
+            throw BomError(std::string("cannot write the listing: ") + std::strerror(errno));
         buffer_.clear();
     }
 

@@ -6,30 +6,15 @@
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "platform/bom/BomFormat.hpp"
 #include "platform/helper/StopCleanup.hpp"
+#include "support/DescriptorIo.hpp"
 
 namespace whittle::bom {
 
 namespace {
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
 
 BomError systemError(const std::string& what, const std::string& path) {
     int error = errno;
@@ -48,20 +33,11 @@ std::string temporaryTemplateFor(const std::string& path) {
     return path.substr(0, nameStart) + "." + path.substr(nameStart) + ".XXXXXX";
 }
 
-void writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) throw BomError(std::strerror(errno));
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-}
-
 }  // namespace
 
 std::string readFileBytes(const std::string& path, std::uint64_t maxBytes) {
     // Non-blocking, so that a named pipe in place of the file cannot stall us.
-    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    UniqueDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) throw systemError("cannot open", path);
     struct stat info {};
     if (::fstat(fd.get(), &info) != 0) throw systemError("cannot read", path);
@@ -91,10 +67,10 @@ void writeFileAtomically(const std::string& path, std::string_view bytes) {
         if (created < 0) throw systemError("cannot create a file beside", path);
         helper::removeOnStop(nameBuffer.data());
     }
-    Descriptor fd(created);
+    UniqueDescriptor fd(created);
     temporaryName.assign(nameBuffer.data());
     try {
-        writeAll(fd.get(), bytes);
+        if (!writeAll(fd.get(), bytes)) throw BomError(std::strerror(errno));
         // mkostemp makes the file private; give it the usual mode of a new file.
         if (::fchmod(fd.get(), 0666 & ~currentUmask()) != 0) throw BomError(std::strerror(errno));
         if (::fsync(fd.get()) != 0) throw BomError(std::strerror(errno));

@@ -1,6 +1,7 @@
 #include "platform/copy/CopyCommon.hpp"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>

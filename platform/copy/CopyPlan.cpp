@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "platform/copy/CopyCommon.hpp"
+#include "support/DescriptorIo.hpp"
 
 namespace whittle::copy {
 
@@ -17,7 +18,7 @@ bool isPlainComponent(std::string_view name) {
 class SourceScan {
 public:
     SourceScan(int sourceRoot, std::vector<PlannedItem>& plan) : plan_(plan) {
-        Descriptor root(::fcntl(sourceRoot, F_DUPFD_CLOEXEC, 0));
+        UniqueDescriptor root(::fcntl(sourceRoot, F_DUPFD_CLOEXEC, 0));
         if (!root.valid()) throw CopyError("cannot open the source folder: " + systemMessage(errno));
         folders_.push_back(std::move(root));
     }
@@ -60,14 +61,14 @@ private:
         if (!S_ISDIR(item.source.st_mode))
             throw CopyError("\"" + std::string(visit.path) +
                             "\" is not a folder in the source folder, but the BOM lists paths inside it");
-        Descriptor folder(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        UniqueDescriptor folder(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!folder.valid())
             throw CopyError("cannot open \"" + std::string(visit.path) + "\": " + systemMessage(errno));
         folders_.push_back(std::move(folder));
     }
 
     std::vector<PlannedItem>& plan_;
-    std::vector<Descriptor> folders_;  // the source root and the folders down to the current path
+    std::vector<UniqueDescriptor> folders_;  // the source root and the folders down to the current path
 };
 
 }  // namespace

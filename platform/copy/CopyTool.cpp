@@ -17,11 +17,12 @@
 #include "platform/copy/ZipArchive.hpp"
 #include "platform/helper/ProgressReporter.hpp"
 #include "platform/helper/StopCleanup.hpp"
+#include "support/DescriptorIo.hpp"
 
 namespace {
 
 using whittle::copy::CopyError;
-using whittle::copy::Descriptor;
+using whittle::UniqueDescriptor;
 
 constexpr int kFailure = 1;
 constexpr int kUsageError = 2;
@@ -69,8 +70,8 @@ Request parseArguments(const std::vector<std::string>& arguments) {
     return request;
 }
 
-Descriptor openSourceFolder(const std::string& path) {
-    Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+UniqueDescriptor openSourceFolder(const std::string& path) {
+    UniqueDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder.valid())
         throw CopyError("cannot open source folder \"" + path + "\": " + whittle::copy::systemMessage(errno));
     return folder;
@@ -87,7 +88,7 @@ void refuseSameFolder(int source, int destination) {
 
 void run(const Request& request, mode_t umaskAtStart, whittle::helper::ProgressReporter& progress) {
     whittle::bom::BomPaths paths = whittle::bom::BomPaths::load(request.bomPath);
-    Descriptor source = openSourceFolder(request.source);
+    UniqueDescriptor source = openSourceFolder(request.source);
     std::vector<whittle::copy::PlannedItem> plan = whittle::copy::planCopy(paths, source.get());
     if (request.mode == Mode::zip) {
         whittle::copy::writeZipArchive(plan, source.get(), request.destination, 0666 & ~umaskAtStart, progress);

@@ -61,8 +61,8 @@ private:
     }
 
     struct OpenFolder {
-        Descriptor source;  // open only when the BOM lists contents inside it
-        Descriptor destination;
+        UniqueDescriptor source;  // open only when the BOM lists contents inside it
+        UniqueDescriptor destination;
         const PlannedItem* item = nullptr;
         std::string path;
         bool madeByThisCopy = false;  // then so is everything made inside it
@@ -121,8 +121,8 @@ private:
 
     void openRoot(const PlannedItem& item) {
         OpenFolder root;
-        root.source = Descriptor(::fcntl(sourceRoot_, F_DUPFD_CLOEXEC, 0));
-        root.destination = Descriptor(::fcntl(destination_.fd(), F_DUPFD_CLOEXEC, 0));
+        root.source = UniqueDescriptor(::fcntl(sourceRoot_, F_DUPFD_CLOEXEC, 0));
+        root.destination = UniqueDescriptor(::fcntl(destination_.fd(), F_DUPFD_CLOEXEC, 0));
         if (!root.source.valid() || !root.destination.valid()) failOn(".", "open", errno);
         root.item = &item;
         root.path = ".";
@@ -143,7 +143,7 @@ private:
         OpenFolder folder;
         folder.madeByThisCopy = !existed || openFolders_.back().madeByThisCopy;
         folder.destination =
-            Descriptor(::openat(destinationParent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            UniqueDescriptor(::openat(destinationParent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!folder.destination.valid()) {
             if (errno == ELOOP || errno == ENOTDIR)
                 throw CopyError("refusing to write into \"" + std::string(path) +
@@ -153,7 +153,7 @@ private:
         if (existed) makeWritable(folder.destination.get(), path);
         if (item.hasChildren) {
             folder.source =
-                Descriptor(::openat(sourceParent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+                UniqueDescriptor(::openat(sourceParent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (!folder.source.valid()) failOn(path, "open source folder", errno);
         }
         folder.item = &item;
@@ -188,10 +188,10 @@ private:
     void copyFile(const PlannedItem& item, int sourceParent, int destinationParent, const std::string& name,
                   std::string_view path) {
         // Non-blocking, so that a named pipe swapped in since the plan cannot stall us.
-        Descriptor source(::openat(sourceParent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        UniqueDescriptor source(::openat(sourceParent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (!source.valid()) failOn(path, "open", errno);
         mode_t permissions = permissionsFor(item.source);
-        Descriptor destination(replaceWith(destinationParent, name, path, [&] {
+        UniqueDescriptor destination(replaceWith(destinationParent, name, path, [&] {
             return ::openat(destinationParent, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                             permissions & 0777);
         }));
@@ -239,13 +239,9 @@ private:
                 if (errno == EINTR) continue;
                 failOn(path, "read", errno);
             }
-            for (ssize_t done = 0; done < got;) {
-                ssize_t written = ::write(to, buffer_.get() + done, static_cast<std::size_t>(got - done));
-                if (written < 0 && errno == EINTR) continue;
-                if (written < 0) failInDestination(path, "write", errno);
-                done += written;
-                progress_.advance(0, static_cast<std::uint64_t>(written));
-            }
+            if (!writeAll(to, std::string_view(buffer_.get(), static_cast<std::size_t>(got))))
+                failInDestination(path, "write", errno);
+            progress_.advance(0, static_cast<std::uint64_t>(got));
         }
     }
 
@@ -320,7 +316,7 @@ Destination::Destination(const std::string& path, mode_t newFolderMode) : path_(
     for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
         makeFolder(path.substr(0, slash));
     makeFolder(path);
-    folder_ = Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    folder_ = UniqueDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder_.valid()) {
         int error = errno == ENOENT && firstError != 0 ? firstError : errno;
         if (madeByThisCopy()) helper::removeNow(outermostMadeFolder_);

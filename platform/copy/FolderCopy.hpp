@@ -11,6 +11,7 @@
 #include "platform/copy/CopyCommon.hpp"
 #include "platform/copy/CopyPlan.hpp"
 #include "platform/helper/ProgressReporter.hpp"
+#include "support/DescriptorIo.hpp"
 
 namespace whittle::copy {
 
@@ -36,7 +37,7 @@ public:
 private:
     std::string path_;
     std::string outermostMadeFolder_;  // the first folder made on the way, if any
-    Descriptor folder_;
+    UniqueDescriptor folder_;
     bool kept_ = false;
 };
 

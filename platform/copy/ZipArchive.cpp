@@ -19,6 +19,7 @@
 
 #include "platform/copy/CopyCommon.hpp"
 #include "platform/helper/StopCleanup.hpp"
+#include "support/DescriptorIo.hpp"
 
 namespace whittle::copy {
 
@@ -348,7 +349,7 @@ public:
         std::string name = finalPath.substr(0, nameStart) + "." + finalPath.substr(nameStart) + ".XXXXXX";
         {
             helper::StopSignalsBlocked blocked;  // no stop between making it and registering it
-            fd_ = Descriptor(::mkostemp(name.data(), O_CLOEXEC));
+            fd_ = UniqueDescriptor(::mkostemp(name.data(), O_CLOEXEC));
             if (!fd_.valid()) failOn(finalPath, "create a file beside", errno);
             helper::removeOnStop(name);
         }
@@ -375,7 +376,7 @@ public:
 private:
     std::string finalPath_;
     std::string path_;
-    Descriptor fd_;
+    UniqueDescriptor fd_;
 };
 
 // Goes through the plan in order, hands the compression to the workers and writes the
@@ -420,7 +421,7 @@ private:
     };
 
     void openRoot() {
-        Descriptor root(::fcntl(sourceRoot_, F_DUPFD_CLOEXEC, 0));
+        UniqueDescriptor root(::fcntl(sourceRoot_, F_DUPFD_CLOEXEC, 0));
         if (!root.valid()) throw CopyError("cannot open the source folder: " + systemMessage(errno));
         folders_.push_back(std::move(root));
     }
@@ -437,7 +438,7 @@ private:
             entry->name += "/";
             addStoredEntry(entry, "", path);
             if (!item.hasChildren) return;
-            Descriptor folder(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            UniqueDescriptor folder(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (!folder.valid()) failOn(path, "open", errno);
             folders_.push_back(std::move(folder));
         } else if (S_ISREG(source.st_mode)) {
@@ -466,7 +467,7 @@ private:
 
     void addFile(const std::shared_ptr<Entry>& entry, int parent, const std::string& name, std::string_view path,
                  std::uint64_t size) {
-        auto file = std::make_shared<Descriptor>(
+        auto file = std::make_shared<UniqueDescriptor>(
             ::openat(parent, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (!file->valid()) failOn(path, "open", errno);
         entry->size = size;
@@ -556,13 +557,7 @@ private:
     }
 
     void writeAt(std::string_view bytes, std::uint64_t offset) {
-        while (!bytes.empty()) {
-            ssize_t written = ::pwrite(output_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-            if (written < 0 && errno == EINTR) continue;
-            if (written < 0) failOn(outputPath_, "write", errno);
-            bytes.remove_prefix(static_cast<std::size_t>(written));
-            offset += static_cast<std::uint64_t>(written);
-        }
+        if (!writeAllAt(output_, bytes, offset)) failOn(outputPath_, "write", errno);
     }
 
     int sourceRoot_;
@@ -573,7 +568,7 @@ private:
     std::size_t mostUnderWay_;
     std::size_t dataUnderWay_ = 0;
     std::deque<Step> steps_;
-    std::vector<Descriptor> folders_;  // the source root and the folders down to the current item
+    std::vector<UniqueDescriptor> folders_;  // the source root and the folders down to the current item
     std::uint64_t position_ = 0;
     std::uint64_t entryDataStart_ = 0;
     std::uint64_t readSoFar_ = 0;

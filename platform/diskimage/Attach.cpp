@@ -25,6 +25,7 @@
 #include "platform/diskimage/Udif.hpp"
 #include "platform/diskimage/VolumeRegistry.hpp"
 #include "platform/helper/ProcessInfo.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle::diskimage {
 
@@ -53,13 +54,13 @@ std::string inQuotes(const std::string& text) { return "\"" + text + "\""; }
 std::string decryptForAttach(int fd, const std::string& imagePath, const std::string& workFolder,
                              const PassphrasePrompt& askPassphrase) {
     EncryptedHeader header = readEncryptedHeader(fd, imagePath);
-    auto passphrase = askPassphrase("Enter the passphrase for " + inQuotes(lastComponentOf(imagePath)) + ": ");
+    auto passphrase = askPassphrase("Enter the passphrase for " + inQuotes(lastPathComponent(imagePath)) + ": ");
     if (!passphrase)
         throw DiskImageError(inQuotes(imagePath) + " is encrypted, and there is no terminal to ask for its passphrase");
     auto keys = unlockContainer(header, *passphrase);
     if (!keys) throw DiskImageError("wrong passphrase for " + inQuotes(imagePath));
     std::string innerPath = workFolder + "/image.dmg";
-    FileDescriptor inner(::open(innerPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    UniqueDescriptor inner(::open(innerPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!inner.valid()) throwSystemError("cannot create " + inQuotes(innerPath), errno);
     decryptContainer(fd, header, *keys, inner.get(), imagePath);
     return innerPath;
@@ -186,7 +187,7 @@ PreparedVolume prepareVolume(int fd, const std::string& imagePath, const WorkFol
     struct stat status = statusOf(fd, imagePath);
     auto fileSize = static_cast<std::uint64_t>(status.st_size);
     std::string udifPath = imagePath;
-    FileDescriptor decrypted;
+    UniqueDescriptor decrypted;
     if (isEncryptedContainer(fd)) {
         udifPath = decryptForAttach(fd, imagePath, work.path(), askPassphrase);
         decrypted = openForReading(udifPath);
@@ -252,7 +253,7 @@ std::set<std::string> detachVolumesOfEndedRuns(const VolumeRegistry& registry, D
         if (!record.outlivedItsOwners()) continue;
         try {
             detached.push_back(detachVolume(registry, record));
-            names.insert(lastComponentOf(record.mountPoint));
+            names.insert(lastPathComponent(record.mountPoint));
         } catch (const DiskImageError&) {
             // Left attached: it still answers for its image.
         }
@@ -311,7 +312,7 @@ void publishVolume(const VolumeRegistry& registry, const std::string& preparedFo
 
 Value attachImage(const AttachOptions& options, const ToolSettings& settings, const PassphrasePrompt& askPassphrase) {
     std::string imagePath = canonicalPath(options.imagePath);
-    FileDescriptor image = openForReading(imagePath);
+    UniqueDescriptor image = openForReading(imagePath);
     if (!S_ISREG(statusOf(image.get(), imagePath).st_mode))
         throw DiskImageError(inQuotes(imagePath) + " is not a file");
     std::string imageKey = VolumeRegistry::imageKeyOf(image.get(), imagePath);
@@ -337,7 +338,7 @@ Value attachImage(const AttachOptions& options, const ToolSettings& settings, co
     record.diskNumber = registry.unusedDiskNumber();
     record.imageKey = imageKey;
     record.imagePath = imagePath;
-    record.mountPoint = registry.unusedMountPoint(lastComponentOf(prepared.folder), freedNames);
+    record.mountPoint = registry.unusedMountPoint(lastPathComponent(prepared.folder), freedNames);
     record.systemEntities = systemEntities(prepared.plan, record.diskNumber, record.mountPoint);
     if (owner) record.owners.push_back(*owner);
     publishVolume(registry, prepared.folder, record);
@@ -357,7 +358,7 @@ std::string ejectDisk(std::string_view devEntryText, const ToolSettings& setting
         if (!record) throw DiskImageError(noSuchDisk(entry));
         doomed = detachVolume(registry, *record);
     }
-    return lastComponentOf(devEntry(*diskNumber, 0));
+    return lastPathComponent(devEntry(*diskNumber, 0));
 }
 
 }  // namespace whittle::diskimage

@@ -11,6 +11,7 @@
 #include "platform/diskimage/FileIo.hpp"
 #include "platform/diskimage/HfsVolume.hpp"
 #include "platform/diskimage/ImageWriter.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle::diskimage {
 
@@ -29,7 +30,7 @@ bool endsWithIgnoringCase(std::string_view text, std::string_view suffix) {
 }
 
 std::string askNewPassphrase(const std::string& imagePath, const PassphrasePrompt& askPassphrase) {
-    auto first = askPassphrase("Enter a new passphrase for " + inQuotes(lastComponentOf(imagePath)) + ": ");
+    auto first = askPassphrase("Enter a new passphrase for " + inQuotes(lastPathComponent(imagePath)) + ": ");
     if (!first) throw DiskImageError("encryption needs a passphrase, and there is no terminal to ask for one");
     auto second = askPassphrase("Enter the passphrase again: ");
     if (!second) throw DiskImageError("encryption needs a passphrase, and there is no terminal to ask for one");
@@ -45,7 +46,7 @@ std::string imagePathFor(const std::string& requestedPath) {
 }
 
 std::string volumeNameFor(const std::string& folderPath) {
-    std::string name = lastComponentOf(folderPath);
+    std::string name = lastPathComponent(folderPath);
     if (name.empty() || name == "/" || name == "." || name == "..") return "untitled";
     if (name.size() <= fmt::create::kLongestVolumeName) return name;
     std::size_t cut = fmt::create::kLongestVolumeName;

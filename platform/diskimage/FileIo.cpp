@@ -11,6 +11,7 @@
 
 #include "platform/diskimage/DiskImageError.hpp"
 #include "platform/diskimage/StopCleanup.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle::diskimage {
 
@@ -18,25 +19,9 @@ void throwSystemError(const std::string& what, int errorNumber) {
     throw DiskImageError(what + ": " + std::strerror(errorNumber));
 }
 
-FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
-    if (this != &other) reset(other.release());
-    return *this;
-}
-
-int FileDescriptor::release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-}
-
-void FileDescriptor::reset(int fd) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-}
-
-FileDescriptor openForReading(const std::string& path) {
+UniqueDescriptor openForReading(const std::string& path) {
     // Non-blocking, so that a named pipe in place of an image cannot stall the tool.
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    UniqueDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd.valid()) throwSystemError("cannot open \"" + path + "\"", errno);
     return fd;
 }
@@ -77,32 +62,17 @@ std::size_t readUpTo(int fd, char* buffer, std::size_t length) {
 }
 
 void writeAll(int fd, std::string_view bytes, const std::string& pathForMessages) {
-    while (!bytes.empty()) {
-        ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            throwSystemError("cannot write \"" + pathForMessages + "\"", errno);
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
+    if (!whittle::writeAll(fd, bytes)) throwSystemError("cannot write \"" + pathForMessages + "\"", errno);
 }
 
 void writeAllAt(int fd, std::string_view bytes, std::uint64_t offset, const std::string& pathForMessages) {
-    while (!bytes.empty()) {
-        ssize_t written = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            throwSystemError("cannot write \"" + pathForMessages + "\"", errno);
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-        offset += static_cast<std::uint64_t>(written);
-    }
+    if (!whittle::writeAllAt(fd, bytes, offset)) throwSystemError("cannot write \"" + pathForMessages + "\"", errno);
 }
 
 // ---- temporary files ----
 
 TemporaryFile::TemporaryFile(const std::string& finalPath) : finalPath_(finalPath) {
-    std::string pattern = parentOf(finalPath) + "/." + lastComponentOf(finalPath) + ".XXXXXX";
+    std::string pattern = parentFolderOf(finalPath) + "/." + lastPathComponent(finalPath) + ".XXXXXX";
     std::vector<char> buffer(pattern.begin(), pattern.end());
     buffer.push_back('\0');
     int fd = -1, error = 0;
@@ -180,20 +150,6 @@ std::string canonicalPath(const std::string& path) {
     std::string result(resolved);
     std::free(resolved);
     return result;
-}
-
-std::string lastComponentOf(std::string_view path) {
-    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-    auto slash = path.rfind('/');
-    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
-}
-
-std::string parentOf(std::string_view path) {
-    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-    auto slash = path.rfind('/');
-    if (slash == std::string_view::npos) return ".";
-    if (slash == 0) return "/";
-    return std::string(path.substr(0, slash));
 }
 
 }  // namespace whittle::diskimage

@@ -1,4 +1,4 @@
-// File descriptors, whole reads and writes, output sinks, temporary files that vanish
+// Opening and status of files, whole reads and writes, output sinks, temporary files that vanish
 // on failure, and tree removal that never follows symbolic links.
 #pragma once
 
@@ -8,29 +8,12 @@
 #include <string>
 #include <string_view>
 
+#include "support/DescriptorIo.hpp"
+
 namespace whittle::diskimage {
 
-class FileDescriptor {
-public:
-    FileDescriptor() = default;
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() { reset(); }
-    FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    int release();
-    void reset(int fd = -1);
-
-private:
-    int fd_ = -1;
-};
-
 // Opens a file for reading; throws with the path in the message on failure.
-FileDescriptor openForReading(const std::string& path);
+UniqueDescriptor openForReading(const std::string& path);
 // The file's status (follows nothing: fstat of the open descriptor).
 struct stat statusOf(int fd, const std::string& pathForMessages);
 
@@ -38,6 +21,7 @@ struct stat statusOf(int fd, const std::string& pathForMessages);
 std::string readAt(int fd, std::uint64_t offset, std::size_t length, const std::string& pathForMessages);
 // Reads up to length bytes from a stream (pipe); fewer only at its end.
 std::size_t readUpTo(int fd, char* buffer, std::size_t length);
+// Write every byte (see whittle::writeAll); throw with the path in the message on failure.
 void writeAll(int fd, std::string_view bytes, const std::string& pathForMessages);
 void writeAllAt(int fd, std::string_view bytes, std::uint64_t offset, const std::string& pathForMessages);
 
@@ -79,7 +63,7 @@ public:
 private:
     std::string finalPath_;
     std::string path_;
-    FileDescriptor fd_;
+    UniqueDescriptor fd_;
     bool committed_ = false;
 };
 
@@ -90,10 +74,5 @@ bool removeTree(const std::string& path);
 
 // The absolute, symlink-free form of an existing path; throws if it does not exist.
 std::string canonicalPath(const std::string& path);
-
-// The last path component ("a/b/c.dmg" -> "c.dmg"; trailing slashes ignored).
-std::string lastComponentOf(std::string_view path);
-// Everything before the last component ("a/b/c" -> "a/b", "c" -> ".").
-std::string parentOf(std::string_view path);
 
 }  // namespace whittle::diskimage

@@ -110,7 +110,7 @@ public:
         items_[folderIndex].valence = static_cast<std::uint32_t>(children.size());
         for (std::size_t i = 0; i < names.size(); ++i) {
             if (!items_[first + i].isFolder()) continue;
-            FileDescriptor child(::openat(folder, names[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            UniqueDescriptor child(::openat(folder, names[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
             if (!child.valid()) throwSystemError("cannot open the folder " + inQuotes(items_[first + i].path), errno);
             walk(child.get(), first + i);
         }
@@ -227,7 +227,7 @@ std::uint64_t VolumeItem::dataSize() const {
 std::uint64_t HfsVolumePlan::blockSize() { return kBlock; }
 
 HfsVolumePlan::HfsVolumePlan(const std::string& folder, const std::string& volumeName) {
-    FileDescriptor root(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueDescriptor root(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root.valid()) throwSystemError("cannot open the folder " + inQuotes(folder), errno);
     VolumeItem rootItem;
     rootItem.path = folder;

@@ -9,6 +9,7 @@
 #include "platform/diskimage/EncryptedContainer.hpp"
 #include "platform/diskimage/FileIo.hpp"
 #include "platform/diskimage/Udif.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle::diskimage {
 
@@ -17,7 +18,7 @@ namespace {
 std::string trailerOfEncrypted(int fd, const std::string& imagePath, const PassphrasePrompt& askPassphrase) {
     EncryptedHeader header = readEncryptedHeader(fd, imagePath);
     if (header.dataSize < format::trailer::kSize) throw DiskImageError("\"" + imagePath + "\" holds no disk image");
-    auto passphrase = askPassphrase("Enter the passphrase for \"" + lastComponentOf(imagePath) + "\": ");
+    auto passphrase = askPassphrase("Enter the passphrase for \"" + lastPathComponent(imagePath) + "\": ");
     if (!passphrase)
         throw DiskImageError("\"" + imagePath + "\" is encrypted, and there is no terminal to ask for its passphrase");
     auto keys = unlockContainer(header, *passphrase);
@@ -38,7 +39,7 @@ std::string describe(const ChecksumRecord& checksum) {
 }  // namespace
 
 std::string imageChecksumReport(const std::string& imagePath, const PassphrasePrompt& askPassphrase) {
-    FileDescriptor fd = openForReading(imagePath);
+    UniqueDescriptor fd = openForReading(imagePath);
     auto fileSize = static_cast<std::uint64_t>(statusOf(fd.get(), imagePath).st_size);
     std::string trailerBytes;
     if (isEncryptedContainer(fd.get())) {

@@ -83,7 +83,7 @@ public:
     // A file's data and the zeros after it up to the end of its last block; holes
     // of a sparse file take no bytes of the image.
     void addFileData(const VolumeItem& file) {
-        FileDescriptor fd(::open(file.path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        UniqueDescriptor fd(::open(file.path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (!fd.valid()) throwSystemError("cannot open " + inQuotes(file.path), errno);
         struct stat now = statusOf(fd.get(), file.path);
         if (!S_ISREG(now.st_mode) || static_cast<std::uint64_t>(now.st_size) != file.dataSize())

@@ -77,7 +77,7 @@ std::string readLine(int terminal) {
 }  // namespace
 
 std::optional<std::string> readPassphraseFromTerminal(const std::string& prompt) {
-    FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+    UniqueDescriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (!terminal.valid()) return std::nullopt;
     std::string line;
     {

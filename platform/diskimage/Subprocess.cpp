@@ -9,6 +9,7 @@
 
 #include "platform/diskimage/DiskImageError.hpp"
 #include "platform/helper/ChildProcesses.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle::diskimage {
 
@@ -31,7 +32,7 @@ std::string lastLineOf(const std::string& text) {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, int outputFd) {
     if (argv.empty()) throw DiskImageError("internal error: no program to run");
-    programName_ = lastComponentOf(argv[0]);
+    programName_ = lastPathComponent(argv[0]);
     capture_.reset(::memfd_create("whittle-diskimage-capture", MFD_CLOEXEC));
     if (!capture_.valid()) throwSystemError("cannot capture the output of " + programName_, errno);
     helper::ChildStreams streams;

@@ -36,7 +36,7 @@ public:
 private:
     pid_t pid_ = -1;
     int status_ = -1;
-    FileDescriptor capture_;
+    UniqueDescriptor capture_;
     std::string programName_;
 };
 

@@ -16,6 +16,7 @@
 #include "platform/diskimage/StopCleanup.hpp"
 #include "support/FileSystem.hpp"
 #include "support/PlistCodec.hpp"
+#include "support/Paths.hpp"
 
 namespace whittle::diskimage {
 
@@ -200,7 +201,7 @@ std::string VolumeRegistry::unusedMountPoint(const std::string& volumeName,
     for (int suffix = 0; suffix < kMostMountPointSuffixes; ++suffix) {
         std::string candidate = volumesFolder_ + "/" + name;
         if (suffix > 0) candidate += ' ' + std::to_string(suffix);
-        if (!exists(candidate) && !namesToAvoid.contains(lastComponentOf(candidate))) return candidate;
+        if (!exists(candidate) && !namesToAvoid.contains(lastPathComponent(candidate))) return candidate;
     }
     throw DiskImageError("no free name for a volume called \"" + volumeName + "\"");
 }
@@ -246,8 +247,8 @@ void VolumeRegistry::removeAbandonedWork() const {
 }
 
 bool VolumeRegistry::isMountPointPath(const std::string& path) const {
-    std::string name = lastComponentOf(path);
-    return parentOf(path) == volumesFolder_ && !name.empty() && name != "." && name != ".." &&
+    std::string name = lastPathComponent(path);
+    return parentFolderOf(path) == volumesFolder_ && !name.empty() && name != "/" && name != "." && name != ".." &&
            name != kStateFolderName && isFolder(path);
 }
 

@@ -42,7 +42,7 @@ public:
         explicit Lock(const std::string& lockPath);
 
     private:
-        FileDescriptor fd_;
+        UniqueDescriptor fd_;
     };
     Lock lock() const;
 

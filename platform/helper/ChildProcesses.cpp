@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "platform/helper/StopCleanup.hpp"
+#include "support/DescriptorIo.hpp"
 
 namespace whittle::helper {
 
@@ -17,8 +18,7 @@ namespace {
 constexpr int kCannotStart = 127;
 
 void writeErrorNumber(int reportFd, int error) {
-    while (::write(reportFd, &error, sizeof error) < 0 && errno == EINTR) {
-    }
+    writeAll(reportFd, std::string_view(reinterpret_cast<const char*>(&error), sizeof error));
 }
 
 // Makes fd the descriptor number target of the program to come.

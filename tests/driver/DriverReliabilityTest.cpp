@@ -1,5 +1,5 @@
 // The driver's pieces for runs that go wrong: explaining a tool's failure, clearing what
-// ended runs left beside a target, and the path and text helpers they use.
+// ended runs left beside a target, and the text helpers they use.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -107,20 +107,6 @@ TEST(Leftovers, ItemsOfEndedRunsGoToTheTrashAndEverythingElseStays) {
               std::string::npos)
         << said;
     ::unsetenv("XDG_DATA_HOME");
-}
-
-TEST(PathHelpers, ParentFoldersExtensionsAndJoins) {
-    EXPECT_EQ(parentFolderOf("a/b/c"), "a/b");
-    EXPECT_EQ(parentFolderOf("c"), ".");
-    EXPECT_EQ(parentFolderOf("/c"), "/");
-    EXPECT_EQ(parentFolderOf("a/b/"), "a");
-    EXPECT_EQ(joinFolderAndName("/", "x"), "/x");
-    EXPECT_EQ(joinFolderAndName("a", "x"), "a/x");
-    EXPECT_EQ(pathExtension("dir.d/out.ZIP"), "ZIP");
-    EXPECT_EQ(pathExtension(".hidden"), "");
-    EXPECT_EQ(pathExtension("noext"), "");
-    EXPECT_EQ(withoutExtension("out.tar.gz"), "out.tar");
-    EXPECT_EQ(withoutExtension(".hidden"), ".hidden");
 }
 
 TEST(TextHelpers, Utf8IsCheckedAndRepaired) {

@@ -39,10 +39,3 @@ TEST(FileSystem, AtomicWriteIntoMissingFolderFailsWithDescription) {
     EXPECT_FALSE(error.empty());
 }
 
-TEST(FileSystem, LastPathComponent) {
-    EXPECT_EQ(whittle::lastPathComponent("/a/b/c.txt"), "c.txt");
-    EXPECT_EQ(whittle::lastPathComponent("c.txt"), "c.txt");
-    EXPECT_EQ(whittle::lastPathComponent("/a/b/"), "b");
-    EXPECT_EQ(whittle::lastPathComponent("/"), "/");
-    EXPECT_EQ(whittle::lastPathComponent(""), "");
-}

@@ -106,3 +106,10 @@ TEST(CaseInsensitive, ContainsStringSkipsNonStrings) {
     EXPECT_FALSE(containsCaseInsensitiveString(array, "x1"));
     EXPECT_FALSE(containsCaseInsensitiveString(Value(), "x10"));
 }
+
+TEST(CaseInsensitive, LowerAndUpperCaseTouchOnlyAsciiLetters) {
+    EXPECT_EQ(lowercased("X10AP-Dev_1.\xc3\x89"), "x10ap-dev_1.\xc3\x89");
+    EXPECT_EQ(uppercased("x10ap-dev_1.\xc3\xa9"), "X10AP-DEV_1.\xc3\xa9");
+    EXPECT_EQ(lowercased(""), "");
+    EXPECT_EQ(uppercased("@[`{"), "@[`{");
+}

@@ -26,6 +26,7 @@
 #include "platform/diskimage/EncryptedContainer.hpp"
 #include "platform/diskimage/FileIo.hpp"
 #include "platform/diskimage/Udif.hpp"
+#include "support/Paths.hpp"
 
 extern char** environ;
 
@@ -51,7 +52,7 @@ std::map<std::string, std::string> asStoredOnHfs(std::map<std::string, std::stri
 
 // A name no other test uses, so that volumes of tests running at the same time differ.
 std::string uniqueName(const TempDir& dir, const std::string& prefix) {
-    return prefix + "-" + dmg::lastComponentOf(dir.path()).substr(std::string("whittle-test-").size());
+    return prefix + "-" + whittle::lastPathComponent(dir.path()).substr(std::string("whittle-test-").size());
 }
 
 void setMode(const std::string& path, mode_t mode) { ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path; }
@@ -188,13 +189,13 @@ TEST(DiskImageTool, CreatedImageIsAGuidDiskThatDmg2imgConverts) {
     TempDir dir;
     CreatedImage created = createBundleImage(dir);
 
-    dmg::FileDescriptor image = dmg::openForReading(created.image);
+    whittle::UniqueDescriptor image = dmg::openForReading(created.image);
     dmg::UdifImage parsed = dmg::readUdifImage(image.get(), created.image);
     ASSERT_EQ(parsed.entries.size(), 6u);
     EXPECT_EQ(parsed.entries[3].name, "disk image (HFS+ : 3)");
     EXPECT_EQ(parsed.trailer.imageVariant, 1u);
     {
-        dmg::FileDescriptor raw(::open((dir / "ours.raw").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        whittle::UniqueDescriptor raw(::open((dir / "ours.raw").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
         dmg::expandRawImage(image.get(), parsed, raw.get(), created.image);  // checks every entry's CRC-32
     }
     auto convert = runInNewSession({whittle::test::dmg2img(), "-s", created.image, dir / "dmg2img.raw"});
@@ -370,7 +371,7 @@ TEST(DiskImageTool, DamagedImagesFailWithAClearMessage) {
     TempDir dir;
     CreatedImage created = createBundleImage(dir, "Damaged");
     std::string good = whittle::test::readFile(created.image);
-    dmg::FileDescriptor fd = dmg::openForReading(created.image);
+    whittle::UniqueDescriptor fd = dmg::openForReading(created.image);
     dmg::UdifImage parsed = dmg::readUdifImage(fd.get(), created.image);
     std::size_t trailerAt = good.size() - 512;
     namespace t = dmg::format::trailer;
@@ -420,7 +421,7 @@ TEST(DiskImageTool, DamagedCompressedSampleFailsVerification) {
     TempDir dir;
     std::string bytes = whittle::test::readFile(whittle::test::projectFixtureFolder() + "/hfsplus_zlib.dmg");
     whittle::test::writeFile(dir / "sample.dmg", bytes);
-    dmg::FileDescriptor fd = dmg::openForReading(dir / "sample.dmg");
+    whittle::UniqueDescriptor fd = dmg::openForReading(dir / "sample.dmg");
     dmg::UdifImage parsed = dmg::readUdifImage(fd.get(), "sample.dmg");
     const dmg::Chunk* compressed = nullptr;
     for (const auto& entry : parsed.entries)
@@ -478,7 +479,7 @@ TEST(DiskImageTool, AttachesTheEncryptedSampleImagesWithTheirPassphrases) {
 
     whittle::test::copyFile(*shared + "/HFS+-UDRO-openwall-data.dmg", dir / "openwall.dmg");
     Attachment openwall = attach(dir / "openwall.dmg", std::vector<std::string>{"openwall"});
-    EXPECT_EQ(dmg::lastComponentOf(openwall.mountPoint).substr(0, 4), "data");
+    EXPECT_EQ(whittle::lastPathComponent(openwall.mountPoint).substr(0, 4), "data");
     EXPECT_TRUE(whittle::test::pathExists(openwall.mountPoint + "/test.txt"));
     eject(openwall.devEntry);
 
@@ -500,14 +501,14 @@ TEST(DiskImageTool, CreatesEncryptedImagesThatDecryptAndAttach) {
     EXPECT_EQ(created.terminal.find("s3cret"), std::string::npos) << "the passphrase was echoed";
 
     // Our own decryption, then the inner image checked by 7zz.
-    dmg::FileDescriptor fd = dmg::openForReading(dir / "enc.dmg");
+    whittle::UniqueDescriptor fd = dmg::openForReading(dir / "enc.dmg");
     dmg::EncryptedHeader header = dmg::readEncryptedHeader(fd.get(), "enc.dmg");
     EXPECT_EQ(header.blockSize, 512u);
     EXPECT_EQ(header.keyBits, 128u);
     auto keys = dmg::unlockContainer(header, "s3cret pass");
     ASSERT_TRUE(keys);
     {
-        dmg::FileDescriptor inner(::open((dir / "inner.dmg").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        whittle::UniqueDescriptor inner(::open((dir / "inner.dmg").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
         dmg::decryptContainer(fd.get(), header, *keys, inner.get(), "enc.dmg");
     }
     expectCleanTest(dir / "inner.dmg");

@@ -26,18 +26,18 @@ using whittle::test::TempDir;
 namespace {
 
 std::string decryptToString(const std::string& path, std::string_view passphrase) {
-    dmg::FileDescriptor fd = dmg::openForReading(path);
+    whittle::UniqueDescriptor fd = dmg::openForReading(path);
     dmg::EncryptedHeader header = dmg::readEncryptedHeader(fd.get(), path);
     auto keys = dmg::unlockContainer(header, passphrase);
     if (!keys) throw dmg::DiskImageError("wrong passphrase");
-    dmg::FileDescriptor out(::memfd_create("inner", MFD_CLOEXEC));
+    whittle::UniqueDescriptor out(::memfd_create("inner", MFD_CLOEXEC));
     dmg::decryptContainer(fd.get(), header, *keys, out.get(), path);
     return dmg::readAt(out.get(), 0, header.dataSize, "inner");
 }
 
 // Encrypts the bytes into a container file with a fast key derivation.
 dmg::ContainerKeys encryptToFile(const std::string& bytes, const std::string& path, std::string_view passphrase) {
-    dmg::FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    whittle::UniqueDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     dmg::EncryptingSink sink(fd.get(), path, passphrase, {1000, 512});
     // In uneven pieces, as a writer produces them.
     for (std::size_t at = 0; at < bytes.size(); at += 7777) sink.write(std::string_view(bytes).substr(at, 7777));
@@ -66,7 +66,7 @@ TEST(EncryptedContainer, OpensThePlatformsImageOf2015WithTheEmptyPassphrase) {
     auto folder = whittle::test::sharedFixtureFolder();
     if (!folder) GTEST_SKIP() << "the shared sample images (../shared/fixtures/dmg) are not present";
     std::string path = *folder + "/src-aes-128.dmg";
-    dmg::FileDescriptor fd = dmg::openForReading(path);
+    whittle::UniqueDescriptor fd = dmg::openForReading(path);
     dmg::EncryptedHeader header = dmg::readEncryptedHeader(fd.get(), path);
     EXPECT_EQ(header.blockSize, 512u);
     EXPECT_EQ(header.keyBits, 128u);
@@ -75,7 +75,7 @@ TEST(EncryptedContainer, OpensThePlatformsImageOf2015WithTheEmptyPassphrase) {
 
     TempDir dir;
     whittle::test::writeFile(dir / "inner.dmg", decryptToString(path, ""));
-    dmg::FileDescriptor inner = dmg::openForReading(dir / "inner.dmg");
+    whittle::UniqueDescriptor inner = dmg::openForReading(dir / "inner.dmg");
     dmg::UdifImage image = dmg::readUdifImage(inner.get(), "inner.dmg");
     EXPECT_EQ(image.trailer.masterChecksum.value, dmg::masterChecksumOf(image.entries));
     auto listing = whittle::test::runInNewSession({whittle::test::sevenZip(), "l", dir / "inner.dmg"});
@@ -96,7 +96,7 @@ TEST(EncryptedContainer, RoundTripsThroughOurOwnDecryption) {
     // Reading one range without decrypting everything.
     std::string bytes = randomBytes(5000, 7);
     dmg::ContainerKeys keys = encryptToFile(bytes, dir / "c.dmg", "");
-    dmg::FileDescriptor fd = dmg::openForReading(dir / "c.dmg");
+    whittle::UniqueDescriptor fd = dmg::openForReading(dir / "c.dmg");
     dmg::EncryptedHeader header = dmg::readEncryptedHeader(fd.get(), "c.dmg");
     EXPECT_EQ(dmg::decryptRange(fd.get(), header, keys, 4000, 1000, "c.dmg"), bytes.substr(4000));
     EXPECT_EQ(dmg::decryptRange(fd.get(), header, keys, 100, 30, "c.dmg"), bytes.substr(100, 30));
@@ -110,7 +110,7 @@ TEST(EncryptedContainer, VfdecryptWithTheDerivedKeysReproducesEveryBlock) {
     std::string bytes = randomBytes(3 * 512 + 100, 99);
     encryptToFile(bytes, dir / "c.dmg", "secret");
     // The keys as the passphrase unlocks them, not as the writer chose them.
-    dmg::FileDescriptor fd = dmg::openForReading(dir / "c.dmg");
+    whittle::UniqueDescriptor fd = dmg::openForReading(dir / "c.dmg");
     auto keys = dmg::unlockContainer(dmg::readEncryptedHeader(fd.get(), "c.dmg"), "secret");
     ASSERT_TRUE(keys);
     auto run = whittle::test::runInNewSession(
@@ -130,7 +130,7 @@ TEST(EncryptedContainer, RefusesHostileHeadersBeforeAskingForAPassphrase) {
         std::string bytes = good;
         dmg::writeBigEndian(bytes, offset, value, width);
         whittle::test::writeFile(dir / "bad.dmg", bytes);
-        dmg::FileDescriptor fd = dmg::openForReading(dir / "bad.dmg");
+        whittle::UniqueDescriptor fd = dmg::openForReading(dir / "bad.dmg");
         try {
             dmg::readEncryptedHeader(fd.get(), "bad.dmg");
         } catch (const dmg::DiskImageError&) {
@@ -156,12 +156,12 @@ TEST(EncryptedContainer, RefusesHostileHeadersBeforeAskingForAPassphrase) {
         std::uniform_int_distribution<std::size_t> where(0, enc::kWrittenRecordOffset + enc::kRecordSize);
         for (int flips = 0; flips < 3; ++flips) bytes[where(random)] = static_cast<char>(random());
         whittle::test::writeFile(dir / "bad.dmg", bytes);
-        dmg::FileDescriptor fd = dmg::openForReading(dir / "bad.dmg");
+        whittle::UniqueDescriptor fd = dmg::openForReading(dir / "bad.dmg");
         try {
             dmg::EncryptedHeader header = dmg::readEncryptedHeader(fd.get(), "bad.dmg");
             for (auto& record : header.passwordRecords) record.iterations = std::min(record.iterations, 2000u);
             if (auto keys = dmg::unlockContainer(header, "x")) {
-                dmg::FileDescriptor out(::memfd_create("out", MFD_CLOEXEC));
+                whittle::UniqueDescriptor out(::memfd_create("out", MFD_CLOEXEC));
                 dmg::decryptContainer(fd.get(), header, *keys, out.get(), "bad.dmg");
             }
         } catch (const dmg::DiskImageError&) {

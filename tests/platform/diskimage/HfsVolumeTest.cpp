@@ -38,11 +38,11 @@ const char* const kFshfsinfo = "/usr/bin/fshfsinfo";
 
 // The HFS+ volume of an unencrypted image, cut out into a file of its own.
 std::string volumeOf(const std::string& image, const std::string& volumePath) {
-    dmg::FileDescriptor fd = dmg::openForReading(image);
+    whittle::UniqueDescriptor fd = dmg::openForReading(image);
     dmg::UdifImage parsed = dmg::readUdifImage(fd.get(), image);
     std::string disk = volumePath + ".disk";
     {
-        dmg::FileDescriptor raw(::open(disk.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        whittle::UniqueDescriptor raw(::open(disk.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         dmg::expandRawImage(fd.get(), parsed, raw.get(), image);
     }
     const dmg::ChunkTable& volume = parsed.entries.at(3).table;
@@ -164,7 +164,7 @@ SourceFolder makeHardFolder(const std::string& root) {
     // A sparse file: data, a hole, data, and a hole at its end.
     std::string sparse = root + "/Firmware/sparse.bin";
     {
-        dmg::FileDescriptor fd(::open(sparse.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+        whittle::UniqueDescriptor fd(::open(sparse.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
         dmg::writeAllAt(fd.get(), randomBytes(100000, 3), 0, sparse);
         dmg::writeAllAt(fd.get(), randomBytes(70001, 4), 4 << 20, sparse);
         EXPECT_EQ(::ftruncate(fd.get(), (9 << 20) + 77), 0);
@@ -183,12 +183,12 @@ std::string createImage(const std::string& folder, const std::string& image,
 }
 
 std::string decrypted(const std::string& image, const std::string& passphrase, const std::string& output) {
-    dmg::FileDescriptor fd = dmg::openForReading(image);
+    whittle::UniqueDescriptor fd = dmg::openForReading(image);
     dmg::EncryptedHeader header = dmg::readEncryptedHeader(fd.get(), image);
     auto keys = dmg::unlockContainer(header, passphrase);
     EXPECT_TRUE(keys);
     if (!keys) return output;
-    dmg::FileDescriptor inner(::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    whittle::UniqueDescriptor inner(::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     dmg::decryptContainer(fd.get(), header, *keys, inner.get(), image);
     return output;
 }

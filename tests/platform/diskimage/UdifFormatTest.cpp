@@ -36,7 +36,7 @@ public:
     int fd() const { return fd_.get(); }
 
 private:
-    dmg::FileDescriptor fd_;
+    whittle::UniqueDescriptor fd_;
 };
 
 std::string sectorsOf(char fill, std::size_t count) { return std::string(count * 512, fill); }
@@ -177,7 +177,7 @@ TEST(DiskImageTables, ResourceListSuitsLineOrientedReaders) {
 TEST(DiskImageReader, ReadsThePlatformsReadOnlyImage) {
     auto folder = whittle::test::sharedFixtureFolder();
     if (!folder) GTEST_SKIP() << "the shared sample images (../shared/fixtures/dmg) are not present";
-    dmg::FileDescriptor fd = dmg::openForReading(*folder + "/src-ro.dmg");
+    whittle::UniqueDescriptor fd = dmg::openForReading(*folder + "/src-ro.dmg");
     dmg::UdifImage image = dmg::readUdifImage(fd.get(), "src-ro.dmg");
     ASSERT_EQ(image.entries.size(), 8u);
     EXPECT_EQ(dmg::partitionTypeOf(image.entries[0].name), "MBR");
@@ -185,7 +185,7 @@ TEST(DiskImageReader, ReadsThePlatformsReadOnlyImage) {
     EXPECT_EQ(dmg::masterChecksumOf(image.entries), 0x27B4EC3Au);
     // Every entry's CRC-32 recomputed from raw, zero and ignored chunks.
     TempDir dir;
-    dmg::FileDescriptor out(::open((dir / "disk.raw").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    whittle::UniqueDescriptor out(::open((dir / "disk.raw").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     EXPECT_NO_THROW(dmg::expandRawImage(fd.get(), image, out.get(), "src-ro.dmg"));
 }
 
