@@ -112,7 +112,7 @@ void ZipBundleFiles::addEntry(const ZipEntry& entry, std::string_view relative) 
         auto& slot = path.back()->children[steps[index]];
         if (!slot) slot = std::make_unique<Node>();
         if (slot->kind != ItemKind::Folder) {
-            warnLeftOut(entry, format("\"%@\" above it is not a folder", joinPath(prefix_, slot->entry->path)));
+            warnLeftOut(entry, format("\"%@\" above it is not a folder", slot->entry->path));
             return;
         }
         path.push_back(slot.get());
