@@ -1,0 +1,263 @@
+#include "driver/ArchiveSources.hpp"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "driver/Interrupts.hpp"
+#include "support/Paths.hpp"
+#include "support/DescriptorIo.hpp"
+#include "support/FileByteSource.hpp"
+#include "support/FileSystem.hpp"
+#include "support/Helpers.hpp"
+#include "support/HttpByteSource.hpp"
+#include "support/LogObject.hpp"
+#include "support/ZipRawWriter.hpp"
+
+namespace whittle {
+
+namespace {
+
+constexpr std::string_view kZipSignatures[] = {std::string_view("PK\x03\x04", 4), std::string_view("PK\x05\x06", 4)};
+
+bool startsLikeZip(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return false;
+    char head[4];
+    ssize_t got = ::pread(fd, head, sizeof head, 0);
+    ::close(fd);
+    if (got != static_cast<ssize_t>(sizeof head)) return false;
+    std::string_view start(head, sizeof head);
+    return std::any_of(std::begin(kZipSignatures), std::end(kZipSignatures), [&](auto s) { return s == start; });
+}
+
+// The folder at `relative` below the root descriptor, made (with any missing folder
+// above it) when missing; no step may be a link. -1 with errno set when it cannot be.
+int openOrMakeFolderBeneath(int rootFd, const std::string& relative) {
+    int current = ::fcntl(rootFd, F_DUPFD_CLOEXEC, 0);
+    std::size_t start = 0;
+    while (current >= 0 && start < relative.size()) {
+        std::size_t slash = relative.find('/', start);
+        if (slash == std::string::npos) slash = relative.size();
+        std::string step = relative.substr(start, slash - start);
+        start = slash + 1;
+        if (step.empty()) continue;
+        if (::mkdirat(current, step.c_str(), 0755) != 0 && errno != EEXIST) {
+            int error = errno;
+            ::close(current);
+            errno = error;
+            return -1;
+        }
+        int next = ::openat(current, step.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        int error = errno;
+        ::close(current);
+        errno = error;
+        current = next;
+    }
+    return current;
+}
+
+std::uint32_t permissionsOf(const ZipEntry* entry, std::uint32_t fallback) {
+    std::uint32_t permissions = entry && entry->unixMode ? entry->unixMode & 07777 : fallback;
+    return permissions;
+}
+
+class Extraction {
+public:
+    Extraction(const ZipBundleFiles& files, int rootFd) : files_(files), rootFd_(rootFd) {}
+
+    bool extract(const std::string& path) {
+        auto item = files_.itemAt(path);
+        if (!item) return fail(path, "it is not in the archive");
+        std::string parent = deletingLastPathComponent(path);
+        std::string name = lastPathComponent(path);
+        UniqueDescriptor parentFolder(openOrMakeFolderBeneath(rootFd_, parent));
+        if (!parentFolder.valid()) return fail(path, std::strerror(errno));
+        switch (item->kind) {
+            case ZipBundleFiles::ItemKind::Folder: return makeFolder(parentFolder.get(), path, name, item->entry);
+            case ZipBundleFiles::ItemKind::Link: return makeLink(parentFolder.get(), path, name);
+            case ZipBundleFiles::ItemKind::File: return writeFile(parentFolder.get(), path, name, *item->entry);
+        }
+        return false;
+    }
+
+    // Folders take their times last, once nothing more is written into them.
+    void settleFolderTimes() {
+        for (auto folder = folders_.rbegin(); folder != folders_.rend(); ++folder) {
+            auto when = files_.modificationTime(*folder);
+            if (!when) continue;
+            struct timespec times[2] = {*when, *when};
+            ::utimensat(rootFd_, folder->c_str(), times, AT_SYMLINK_NOFOLLOW);
+        }
+    }
+
+    const std::string& failure() const { return failure_; }
+
+private:
+    bool fail(const std::string& path, const std::string& reason) {
+        failure_ = format("\"%@\" cannot be written - %@", path, reason);
+        return false;
+    }
+
+    bool makeFolder(int parentFd, const std::string& path, const std::string& name, const ZipEntry* entry) {
+        if (::mkdirat(parentFd, name.c_str(), 0700) != 0 && errno != EEXIST) return fail(path, std::strerror(errno));
+        struct stat info {};
+        if (::fstatat(parentFd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(info.st_mode)) {
+            return fail(path, "something else stands in its place");
+        }
+        ::fchmodat(parentFd, name.c_str(), permissionsOf(entry, 0755) | 0700, 0);
+        folders_.push_back(path);
+        return true;
+    }
+
+    bool makeLink(int parentFd, const std::string& path, const std::string& name) {
+        auto target = files_.linkTarget(path);
+        if (!target) return fail(path, "its link leads outside the bundle");
+        if (::symlinkat(target->c_str(), parentFd, name.c_str()) != 0) return fail(path, std::strerror(errno));
+        if (auto when = files_.modificationTime(path)) {
+            struct timespec times[2] = {*when, *when};
+            ::utimensat(parentFd, name.c_str(), times, AT_SYMLINK_NOFOLLOW);
+        }
+        return true;
+    }
+
+    bool writeFile(int parentFd, const std::string& path, const std::string& name, const ZipEntry& entry) {
+        int fd = ::openat(parentFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd < 0) return fail(path, std::strerror(errno));
+        UniqueDescriptor file(fd);
+        std::string error;
+        std::string writeError;
+        bool streamed = files_.archive().streamEntry(entry, [&](std::string_view piece) {
+            if (interrupted()) return false;
+            if (writeAll(fd, piece)) return true;
+            writeError = std::strerror(errno);
+            return false;
+        }, error);
+        if (!streamed) return fail(path, error.empty() ? writeError : error);
+        ::fchmod(fd, permissionsOf(&entry, 0644) | 0600);
+        struct timespec times[2] = {entry.modified, entry.modified};
+        ::futimens(fd, times);
+        return true;
+    }
+
+    const ZipBundleFiles& files_;
+    int rootFd_;
+    std::vector<std::string> folders_;
+    std::string failure_;
+};
+
+// The stretches of the archive the kept entries occupy, headers included, so that a
+// far archive can be read in few requests.
+std::vector<ByteRange> rangesOfKeptEntries(const ZipBundleFiles& files, const Value& keptPaths) {
+    std::vector<ByteRange> ranges;
+    for (const auto& path : keptPaths.elements()) {
+        auto item = files.itemAt(path.text());
+        if (!item || !item->entry || item->kind == ZipBundleFiles::ItemKind::Folder) continue;
+        const ZipEntry& entry = *item->entry;
+        ranges.push_back({entry.localHeaderOffset, entry.extentLimit - entry.localHeaderOffset});
+    }
+    std::sort(ranges.begin(), ranges.end(), [](const ByteRange& a, const ByteRange& b) { return a.offset < b.offset; });
+    return ranges;
+}
+
+void logFetchedBytes(const ZipBundleFiles& files) {
+    if (isRemoteSource(files.archive().name())) {
+        Log(">>> NOTE: fetched %llu bytes of \"%@\".", static_cast<unsigned long long>(files.archive().source().bytesFetched()),
+            files.archive().name());
+    }
+}
+
+}  // namespace
+
+std::optional<std::string> UnreadableBundleFiles::readFile(std::string_view, int* error) const {
+    if (error) *error = ENOENT;
+    return std::nullopt;
+}
+
+bool isRemoteSource(const std::string& source) {
+    return hasPrefix(source, "http://", kCaseInsensitiveSearch) || hasPrefix(source, "https://", kCaseInsensitiveSearch);
+}
+
+bool isArchiveSource(const std::string& source) {
+    if (isRemoteSource(source)) return true;
+    if (equalsIgnoringCase(pathExtension(source), "dmg")) return false;
+    struct stat info {};
+    return ::stat(source.c_str(), &info) == 0 && S_ISREG(info.st_mode) && startsLikeZip(source);
+}
+
+std::shared_ptr<ZipBundleFiles> openArchiveBundle(const std::string& source) {
+    std::string error;
+    std::shared_ptr<ByteSource> bytes;
+    if (isRemoteSource(source)) {
+        bytes = HttpByteSource::open(source, error);
+    } else {
+        bytes = FileByteSource::open(source, error);
+    }
+    std::shared_ptr<const ZipArchive> archive = bytes ? ZipArchive::open(bytes, error) : nullptr;
+    if (!archive) {
+        Log("XXX ERROR: %@.", error);
+        return nullptr;
+    }
+    return std::make_shared<ZipBundleFiles>(archive);
+}
+
+int extractKeptPaths(const ZipBundleFiles& files, const Value& keptPaths, const std::string& destination) {
+    ::mkdir(destination.c_str(), 0755);
+    UniqueDescriptor root(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Extraction extraction(files, root.get());
+    bool done = root.valid();
+    if (done) files.archive().source().willRead(rangesOfKeptEntries(files, keptPaths));
+    for (const auto& path : keptPaths.elements()) {
+        if (!done || interrupted()) break;
+        done = extraction.extract(std::string(path.text()));
+    }
+    logFetchedBytes(files);
+    if (interrupted()) return 128 + stopSignal();
+    if (!done) {
+        Log("XXX ERROR: copying manifest to target failed.");
+        Log("!!! NOTE: %@.", !root.valid() ? format("\"%@\" cannot be opened - %@", destination, std::string(std::strerror(errno)))
+                                          : extraction.failure());
+        return 1;
+    }
+    extraction.settleFolderTimes();
+    return 0;
+}
+
+int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const std::string& zipPath) {
+    int fd = ::open(zipPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    std::string error = fd < 0 ? format("\"%@\" cannot be made - %@", zipPath, std::string(std::strerror(errno))) : "";
+    UniqueDescriptor output(fd);
+    ZipRawWriter writer(fd);
+    if (fd >= 0) files.archive().source().willRead(rangesOfKeptEntries(files, keptPaths));
+    for (const auto& path : keptPaths.elements()) {
+        if (!error.empty() || interrupted()) break;
+        std::string name(path.text());
+        auto item = files.itemAt(name);
+        if (!item) {
+            error = format("\"%@\" is not in the archive", name);
+        } else if (item->kind == ZipBundleFiles::ItemKind::Folder) {
+            auto when = files.modificationTime(name).value_or(timespec{0, 0});
+            writer.addFolder(name + "/", item->entry ? item->entry->unixMode : 0, when, error);
+        } else {
+            writer.addEntry(files.archive(), *item->entry, name, error);
+        }
+    }
+    logFetchedBytes(files);
+    if (interrupted()) return 128 + stopSignal();
+    if (error.empty()) writer.finish(error);
+    if (!error.empty()) {
+        Log("XXX ERROR: unable to create final ZIP archive.");
+        Log("!!! NOTE: %@.", error);
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace whittle
