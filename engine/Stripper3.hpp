@@ -12,8 +12,10 @@
 #include <vector>
 
 #include "engine/FileListRules.hpp"
+#include "engine/FirmwareMapFilters.hpp"
 #include "engine/Stripper.hpp"
 #include "engine/BundleFiles.hpp"
+#include "engine/SupportFiles.hpp"
 #include "support/PropertyList.hpp"
 #include "support/Value.hpp"
 
@@ -21,7 +23,7 @@ namespace whittle {
 
 using KeepList = std::unordered_set<std::string>;
 
-class Stripper3 : public Stripper {
+class Stripper3 : public CatalogueStripper {
 public:
     // The operation a work item's "workSelector" names, or nullptr.
     using WorkOperation = int (Stripper3::*)(const Value&);
@@ -32,8 +34,6 @@ public:
 
     static std::unique_ptr<Stripper> stripperForPath(const std::string& bundleRoot, const Value& products,
                                                      const Value& factoryVariants, const Value& options);
-    static std::vector<std::string> knownProducts();
-    static std::vector<std::string> knownFactoryVariants();
 
     int strip() override;
     Value validProducts() override;
@@ -108,10 +108,9 @@ private:
     std::string pathInBundle(std::string_view bundleRelativePath) const;
     void keepAll(const KeepList& keepList);
     void keepAll(const std::vector<std::string>& paths);
-    int keepFolderListingWhenAsked(std::string_view optionKey, const std::string& folder, const char* message);
-    int keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* message,
-                                 bool messageNamesTarget);
-    int stripFirmwareTextMap(const Value& item, const char* keysName, bool isDeviceMap);
+    int keepFolderListingWhenAsked(const OptionalFolder& folder);
+    int keepLinkedImageWhenAsked(const OptionalLinkedImage& image);
+    int stripFirmwareMap(const Value& item, FirmwareMap map);
 
     int chooseIdentities(const Value& item, Value& chosen);
 

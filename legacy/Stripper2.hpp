@@ -12,12 +12,14 @@
 
 #include "engine/BundleFiles.hpp"
 #include "engine/Catalogue.hpp"
+#include "engine/FirmwareMapFilters.hpp"
 #include "engine/Stripper.hpp"
+#include "engine/SupportFiles.hpp"
 #include "support/Value.hpp"
 
 namespace whittle {
 
-class Stripper2 : public Stripper {
+class Stripper2 : public CatalogueStripper {
 public:
     // The operation a work item's "workSelector" names, or nullptr.
     using WorkOperation = int (Stripper2::*)(const Value&);
@@ -29,8 +31,6 @@ public:
                                                      const Value& factoryVariants, const Value& options);
     // This engine's own catalogue; it holds the same rows as the default engine's.
     static const Catalogue& catalogue();
-    static std::vector<std::string> knownProducts();
-    static std::vector<std::string> knownFactoryVariants();
 
     int strip() override;
     Value validProducts() override;
@@ -103,11 +103,10 @@ private:
 
     bool option(std::string_view key) const;
     void appendKeptPaths(const std::vector<std::string>& paths);
-    int keepListingWhenAsked(std::string_view optionKey, const std::string& folder, const char* foundMessage,
-                             const char* scrubMessage);
-    int keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* foundMessage,
-                                 bool messageNamesTarget, const char* scrubMessage);
-    int stripFirmwareTextMap(const Value& item, bool isDeviceMap);
+    // A folder without an option is always scrubbed.
+    int keepListingWhenAsked(const OptionalFolder& folder, const char* scrubMessage);
+    int keepLinkedImageWhenAsked(const OptionalLinkedImage& image, const char* scrubMessage);
+    int stripFirmwareMap(const Value& item, FirmwareMap map);
     // Part of Restore.plist cut down to one item's product, processor, models, kernel-cache
     // kinds and system image type; none when it cannot be read. `report` says whether the
     // findings are logged.
