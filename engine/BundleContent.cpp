@@ -15,19 +15,15 @@ bool isInvisibleName(std::string_view name) { return hasInvisiblePrefix(name) ||
 
 }  // namespace
 
-int Stripper3::keepFolderListingWhenAsked(const OptionalFolder& folder) {
+int Stripper3::keepOptionalFolder(const OptionalFolder& folder) {
     if (!option(folder.option)) return 0;
     auto listing = submanifestStartingAt(folder.folder, false);
     if (!listing.empty()) Log(folder.foundMessage, listing.size());
-    keepAll(listing);
+    keepPaths(listing);
     return 0;
 }
 
-int Stripper3::stripDebugFolder(const Value&) { return keepFolderListingWhenAsked(kDebugFolder); }
-
-int Stripper3::stripBundleImages(const Value&) { return keepFolderListingWhenAsked(kBundleImagesFolder); }
-
-int Stripper3::keepLinkedImageWhenAsked(const OptionalLinkedImage& image) {
+int Stripper3::keepOptionalLinkedImage(const OptionalLinkedImage& image) {
     if (!option(image.option)) return 0;
     auto target = files_.linkTarget(image.link);
     // A plain file under the link's name is deliberately not kept.
@@ -37,10 +33,6 @@ int Stripper3::keepLinkedImageWhenAsked(const OptionalLinkedImage& image) {
     copiedFilelist_.insert(image.link);
     return 0;
 }
-
-int Stripper3::stripHomeDiags(const Value&) { return keepLinkedImageWhenAsked(kHomeDiagnosticsImage); }
-
-int Stripper3::stripSDKs(const Value&) { return keepLinkedImageWhenAsked(kSDKImage); }
 
 int Stripper3::stripFactoryDiskImage(const Value&) {
     if (files_.exists(kFactoryDiskImage) && files_.exists(kFactoryDiskImageSignature)) {
@@ -85,16 +77,8 @@ int Stripper3::stripRestoreTools(const Value&) {
         copiedFilelist_.insert(kRestoreTools);
         return 0;
     }
-    auto images = rootDiskImages(submanifestStartingAt("", false));
-    auto guess = guessRestoreTools(
-        unlinkedImages(images, [this](const std::string& image) { return files_.linkTarget(image); }));
-    if (guess.outcome == RestoreToolsGuess::Outcome::AlreadyInPlace) return 0;
-    if (guess.outcome == RestoreToolsGuess::Outcome::SingleImage) {
-        modifiedFilelist_.set(kRestoreTools, Value::data(guess.keptImages.front()));
-    }
-    keepAll(guess.keptImages);
-    Log("%@", guess.warning);
-    return 0;
+    return fallBackOnRootImages(submanifestStartingAt("", false),
+                                [this](const std::string& image) { return files_.linkTarget(image); });
 }
 
 int Stripper3::stripInvisibles(const Value&) {

@@ -12,8 +12,6 @@ std::string deletingLastPathComponent(std::string_view path) {
     return std::string(path.substr(0, slash));
 }
 
-std::string inRestoreFolder(std::string_view manifestPath) { return "Restore/" + std::string(manifestPath); }
-
 std::string joinPath(std::string_view folder, std::string_view name) {
     if (folder.empty()) return std::string(name);
     std::string joined(folder);

@@ -9,9 +9,9 @@ namespace whittle {
 // The bundle's two manifests.
 inline constexpr const char* kBuildManifest = "Restore/BuildManifest.plist";
 inline constexpr const char* kRestorePlist = "Restore/Restore.plist";
-
 // The manifests name their files from the "Restore" folder: "x.dmg" -> "Restore/x.dmg".
-std::string inRestoreFolder(std::string_view manifestPath);
+inline std::string inRestoreFolder(std::string_view manifestPath) { return "Restore/" + std::string(manifestPath); }
+
 // "Restore/Firmware/x.bin" -> "Restore/Firmware"; "x.bin" -> ""; "/x" -> "/".
 std::string deletingLastPathComponent(std::string_view path);
 // "folder" + "/" + "name", or the bare name when the folder is "".

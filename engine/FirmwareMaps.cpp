@@ -42,24 +42,8 @@ int Stripper3::stripFirmwareMap(const Value& item, FirmwareMap map) {
     Value names = namesOf(item.get(file.byDeviceClass ? "workAllDeviceClasses" : "workAllProducts"));
     FilteredMap filtered = filterFirmwareMap(map, content, names.elements());
     reportFindings(map, filtered, names);
-    modifiedFilelist_.set(file.path, filtered.content);
+    recordModifiedFile(file.path, filtered.content);
     return 0;
-}
-
-int Stripper3::stripRestoreFirmwareDeviceMapDotTxt(const Value& item) {
-    return stripFirmwareMap(item, FirmwareMap::DeviceMapText);
-}
-
-int Stripper3::stripRestoreFirmwareTargetMapDotTxt(const Value& item) {
-    return stripFirmwareMap(item, FirmwareMap::TargetMapText);
-}
-
-int Stripper3::stripRestoreFirmwareDeviceMapDotPlist(const Value& item) {
-    return stripFirmwareMap(item, FirmwareMap::DeviceMapPlist);
-}
-
-int Stripper3::stripRestoreFirmwarePlatformKeysDotPlist(const Value& item) {
-    return stripFirmwareMap(item, FirmwareMap::PlatformKeys);
 }
 
 }  // namespace whittle

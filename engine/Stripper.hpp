@@ -7,7 +7,6 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/Catalogue.hpp"
 #include "support/Value.hpp"
 
 namespace whittle {
@@ -34,13 +33,6 @@ public:
 
 private:
     bool verbose_ = false;
-};
-
-// An engine whose products and factory variants are the built-in catalogue's.
-class CatalogueStripper : public Stripper {
-public:
-    static std::vector<std::string> knownProducts() { return Catalogue::builtIn().knownProducts(); }
-    static std::vector<std::string> knownFactoryVariants() { return Catalogue::builtIn().knownFactoryVariants(); }
 };
 
 // An engine class as the driver sees it: its catalogue and its factory.

@@ -78,7 +78,6 @@ Value Stripper3::deviceClassesFor(std::string_view product) const {
 
 void Stripper3::keepAll(const KeepList& keepList) { copiedFilelist_.insert(keepList.begin(), keepList.end()); }
 
-void Stripper3::keepAll(const std::vector<std::string>& paths) { copiedFilelist_.insert(paths.begin(), paths.end()); }
 
 // ---- request analysis ----
 
@@ -182,40 +181,17 @@ int Stripper3::preanalyzeRequest() {
     wholeRun.set("workAllModels", allModels);
     wholeRun.set("workAllProcessorIDs", allProcessorIDs);
     wholeRun.set("workAllPersonalizationVariants", allPersonalizationVariants);
-    const std::pair<const char*, const char*> closingSteps[] = {
+    static const ClosingStep closingSteps[] = {
         {"Finish stripping BuildManifest.plist", "stripBuildManifest:"},
         {"Cross check and strip Restore.plist", "stripRestorePlist:"},
-        {"Strip support files", "stripCommonWork:"},
-        {"Strip invisibles", "stripInvisibles:"},
-        {"Leaving cookie for Santa", "leaveCookie:"},
+        kSupportFilesStep,
     };
-    for (const auto& [name, selector] : closingSteps) {
-        workList_.append(copyWith(wholeRun, {{"workName", Value::string(name)}, {"workSelector", Value::string(selector)}}));
-    }
-
-    Log(">>> Work List");
-    LogObject::sharedLogger().PrettyPrint(workList_);
+    appendClosingSteps(workList_, wholeRun, closingSteps);
+    logWorkList(workList_);
     return 0;
 }
 
 bool Stripper3::checkUnpersonalized() const { return checksUnpersonalized(stripOptions_); }
-
-Stripper3::WorkOperation Stripper3::operationNamed(std::string_view selector) {
-    static const auto operations = [] {
-        auto table = sharedOperations<Stripper3>();
-        table.insert({
-            {"buildFilelistFromBuildManifest:", &Stripper3::buildFilelistFromBuildManifest},
-            {"updateFilelistForUnpersonalizedInstall:", &Stripper3::updateFilelistForUnpersonalizedInstall},
-            {"stripBuildManifest:", &Stripper3::stripBuildManifest},
-            {"stripRestorePlist:", &Stripper3::stripRestorePlist},
-            {"stripFactoryDiskImage:", &Stripper3::stripFactoryDiskImage},
-        });
-        return table;
-    }();
-    return operationIn(operations, selector);
-}
-
-int Stripper3::performWork(const Value&) { return runWorkList(*this, workList_); }
 
 int Stripper3::stripCommonWork(const Value& item) {
     static const char* const steps[] = {
@@ -224,7 +200,7 @@ int Stripper3::stripCommonWork(const Value& item) {
         "stripFWPKs:", "stripDebugFolder:", "stripHomeDiags:", "stripSDKs:", "stripBundleImages:",
         "stripRestoreTools:", "stripFactoryDiskImage:",
     };
-    return runSteps(*this, steps, item);
+    return runSteps(steps, item);
 }
 
 }  // namespace whittle

@@ -13,7 +13,7 @@
 
 #include "engine/FileListRules.hpp"
 #include "engine/FirmwareMapFilters.hpp"
-#include "engine/Stripper.hpp"
+#include "engine/StripEngine.hpp"
 #include "engine/BundleFiles.hpp"
 #include "engine/SupportFiles.hpp"
 #include "support/PropertyList.hpp"
@@ -23,12 +23,8 @@ namespace whittle {
 
 using KeepList = std::unordered_set<std::string>;
 
-class Stripper3 : public CatalogueStripper {
+class Stripper3 : public StripEngine<Stripper3> {
 public:
-    // The operation a work item's "workSelector" names, or nullptr.
-    using WorkOperation = int (Stripper3::*)(const Value&);
-    static WorkOperation operationNamed(std::string_view selector);
-
     Stripper3(std::string bundleRoot, const Value& products, const Value& factoryVariants, const Value& options);
     ~Stripper3() override;
 
@@ -44,7 +40,6 @@ public:
 
     // ---- request analysis and the work list ----
     int preanalyzeRequest();
-    int performWork(const Value& unused);
     bool checkUnpersonalized() const;
     int stripCommonWork(const Value& item);
     const Value& workList() const { return workList_; }
@@ -69,23 +64,18 @@ public:
     int stripRestorePlist(const Value& item);
 
     // ---- firmware maps ----
-    int stripRestoreFirmwareDeviceMapDotTxt(const Value& item);
-    int stripRestoreFirmwareDeviceMapDotPlist(const Value& item);
-    int stripRestoreFirmwareTargetMapDotTxt(const Value& item);
-    int stripRestoreFirmwarePlatformKeysDotPlist(const Value& item);
+    int stripFirmwareMap(const Value& item, FirmwareMap map);
 
     // ---- bundle content ----
-    int stripDebugFolder(const Value& item);
-    int stripBundleImages(const Value& item);
-    int stripHomeDiags(const Value& item);
-    int stripSDKs(const Value& item);
+    int keepOptionalFolder(const OptionalFolder& folder);
+    int keepOptionalLinkedImage(const OptionalLinkedImage& image);
     int stripFactoryDiskImage(const Value& item);
     int stripFWPKs(const Value& item);
     int stripRestoreTools(const Value& item);
     int stripInvisibles(const Value& item);
-
-    // ---- cookie ----
-    int leaveCookie(const Value& item);
+    void keepPaths(const std::vector<std::string>& paths) { copiedFilelist_.insert(paths.begin(), paths.end()); }
+    // The new content of a bundle-relative path.
+    void recordModifiedFile(const std::string& path, const Value& content) { modifiedFilelist_.set(path, content); }
 
     // ---- fields ----
     const Value& stripInfo() const { return stripInfo_; }
@@ -107,10 +97,6 @@ private:
     bool loadBuildManifest();
     std::string pathInBundle(std::string_view bundleRelativePath) const;
     void keepAll(const KeepList& keepList);
-    void keepAll(const std::vector<std::string>& paths);
-    int keepFolderListingWhenAsked(const OptionalFolder& folder);
-    int keepLinkedImageWhenAsked(const OptionalLinkedImage& image);
-    int stripFirmwareMap(const Value& item, FirmwareMap map);
 
     int chooseIdentities(const Value& item, Value& chosen);
 

@@ -14,33 +14,42 @@
 
 namespace whittle {
 
-inline constexpr const char* kFactoryDiskImage = "FactoryDiskImage.dmg";
-inline constexpr const char* kFactoryDiskImageSignature = "FactoryDiskImage.dmg.signature";
-inline constexpr const char* kFirmwareArchives = "Mediadesk FWPKs";
-inline constexpr const char* kRestoreTools = "RestoreTools.dmg";
+// ---- folders and linked images kept on request ----
 
-// A root folder kept with its direct entries when its option is set; the found
-// message takes the number of paths kept.
+// A root folder kept with its direct entries when its option is set (no option: never
+// kept). The messages take the number of paths kept or left out.
 struct OptionalFolder {
     const char* option;
     const char* folder;
     const char* foundMessage;
+    const char* scrubMessage;
 };
-inline constexpr OptionalFolder kDebugFolder{"keepDebug", "Debug", "+++ Debug folder found %d items."};
-inline constexpr OptionalFolder kBundleImagesFolder{"keepBundleImages", "BundleImages", "+++ BundleImages found %d items."};
+inline constexpr OptionalFolder kDebugFolder{"keepDebug", "Debug", "+++ Debug folder found %d items.",
+                                             "--- Debug folder scrub %d items."};
+inline constexpr OptionalFolder kBundleImagesFolder{"keepBundleImages", "BundleImages", "+++ BundleImages found %d items.",
+                                                    "--- BundleImages scrub %d items."};
 
-// An image kept together with the root link that names it when its option is set; the
+// An image kept together with the root link that names it when its option is set. The
 // found message is given the link's target, which it may name.
 struct OptionalLinkedImage {
     const char* option;
     const char* link;
     const char* foundMessage;
+    const char* scrubMessage;
 };
 inline constexpr OptionalLinkedImage kHomeDiagnosticsImage{"keepHomeDiagnostics", "HomeDiagnostic.dmg",
-                                                           "+++ HomeDiagnostics found."};
-inline constexpr OptionalLinkedImage kSDKImage{"keepSDK", "HandsetSDKInternalNonUI.dmg", "+++ NonUI SDK found \"%@\"."};
+                                                           "+++ HomeDiagnostics found.", "--- HomeDiagnostics scrub."};
+inline constexpr OptionalLinkedImage kSDKImage{"keepSDK", "HandsetSDKInternalNonUI.dmg", "+++ NonUI SDK found \"%@\".",
+                                               "--- NonUI SDK scrub."};
+
+// ---- the factory disk image: kept only together with its signature ----
+
+inline constexpr const char* kFactoryDiskImage = "FactoryDiskImage.dmg";
+inline constexpr const char* kFactoryDiskImageSignature = "FactoryDiskImage.dmg.signature";
 
 // ---- firmware archives ----
+
+inline constexpr const char* kFirmwareArchives = "Mediadesk FWPKs";
 
 // True for an entry of the firmware archives folder that is an archive: not the folder
 // itself, and a name ending in "FWPK" in any case.
@@ -53,6 +62,8 @@ bool isFirmwareArchive(std::string_view entry);
 bool wantsFirmwareArchive(std::string_view archive, std::string_view product, const Value& personalizations);
 
 // ---- the restore tools image ----
+
+inline constexpr const char* kRestoreTools = "RestoreTools.dmg";
 
 // The target of the link at a bundle-relative path; none when the path is no link.
 using LinkReader = std::function<std::optional<std::string>(const std::string&)>;

@@ -15,33 +15,25 @@ namespace whittle {
 namespace {
 
 // No option keeps these images.
-constexpr OptionalFolder kUnencryptedImages{nullptr, "UnencryptedImages", nullptr};
+constexpr OptionalFolder kUnencryptedImages{nullptr, "UnencryptedImages", nullptr, "--- Unencrypted Images scrub %d items."};
 
 }  // namespace
 
-int Stripper2::keepListingWhenAsked(const OptionalFolder& folder, const char* scrubMessage) {
+int Stripper2::keepOptionalFolder(const OptionalFolder& folder) {
     // The folder and its direct entries, never deeper levels.
     auto listing = submanifestStartingAt(folder.folder, false);
     if (!folder.option || !option(folder.option)) {
-        if (!listing.empty()) Log(scrubMessage, listing.size());
+        if (!listing.empty()) Log(folder.scrubMessage, listing.size());
         return 0;
     }
     if (!listing.empty()) Log(folder.foundMessage, listing.size());
-    appendKeptPaths(listing);
+    keepPaths(listing);
     return 0;
 }
 
-int Stripper2::stripDebugFolder(const Value&) { return keepListingWhenAsked(kDebugFolder, "--- Debug folder scrub %d items."); }
+int Stripper2::stripUnencryptedImages(const Value&) { return keepOptionalFolder(kUnencryptedImages); }
 
-int Stripper2::stripUnencryptedImages(const Value&) {
-    return keepListingWhenAsked(kUnencryptedImages, "--- Unencrypted Images scrub %d items.");
-}
-
-int Stripper2::stripBundleImages(const Value&) {
-    return keepListingWhenAsked(kBundleImagesFolder, "--- BundleImages scrub %d items.");
-}
-
-int Stripper2::keepLinkedImageWhenAsked(const OptionalLinkedImage& image, const char* scrubMessage) {
+int Stripper2::keepOptionalLinkedImage(const OptionalLinkedImage& image) {
     auto target = files_.linkTarget(image.link);
     if (option(image.option)) {
         // A plain file under the link's name is not kept.
@@ -50,18 +42,12 @@ int Stripper2::keepLinkedImageWhenAsked(const OptionalLinkedImage& image, const 
             Log(image.foundMessage, *target);
             kept = {*target, image.link};
         }
-        appendKeptPaths(kept);
+        keepPaths(kept);
     } else if (target || bundleLists(image.link)) {
-        Log(scrubMessage);
+        Log(image.scrubMessage);
     }
     return 0;
 }
-
-int Stripper2::stripHomeDiags(const Value&) {
-    return keepLinkedImageWhenAsked(kHomeDiagnosticsImage, "--- HomeDiagnostics scrub.");
-}
-
-int Stripper2::stripSDKs(const Value&) { return keepLinkedImageWhenAsked(kSDKImage, "--- NonUI SDK scrub."); }
 
 int Stripper2::stripBogusRestoreImagesInRootDirectory(const Value&) { return 0; }
 
@@ -92,7 +78,7 @@ int Stripper2::stripFWPKs(const Value& item) {
     }
     if (scrubbed.count() > 0) Log("--- FWPKs scrub %@.", niceDescription(scrubbed));
     if (found.count() > 0) {
-        appendKeptPaths(keptPaths);
+        keepPaths(keptPaths);
         Log("+++ FWPKs found %@.", niceDescription(found));
     }
     return 0;
@@ -101,7 +87,8 @@ int Stripper2::stripFWPKs(const Value& item) {
 // ---- the restore tools image ----
 
 int Stripper2::stripRestoreTools(const Value&) {
-    auto images = rootDiskImages(files_.entries(""));
+    auto rootNames = files_.entries("");
+    auto images = rootDiskImages(rootNames);
     bool toolsAtRoot = std::find(images.begin(), images.end(), kRestoreTools) != images.end();
     if (auto target = toolsAtRoot ? files_.linkTarget(kRestoreTools) : std::nullopt) {
         int result = 0;
@@ -113,20 +100,10 @@ int Stripper2::stripRestoreTools(const Value&) {
         Log("+++ RestoreTools found %@ %@.", kRestoreTools, *target);
         std::vector<std::string> kept{*target};
         if (!option("noSymLinks")) kept.push_back(kRestoreTools);
-        appendKeptPaths(kept);
+        keepPaths(kept);
         return result;
     }
-    auto guess = guessRestoreTools(
-        unlinkedImages(images, [this](const std::string& image) { return files_.linkTarget(image); }));
-    if (guess.outcome == RestoreToolsGuess::Outcome::AlreadyInPlace) return 0;
-    if (guess.outcome == RestoreToolsGuess::Outcome::SingleImage) {
-        Value files = Value::dictionary();
-        files.set(kRestoreTools, Value::data(guess.keptImages.front()));
-        modifiedFilesList_.append(files);
-    }
-    appendKeptPaths(guess.keptImages);
-    Log("%@", guess.warning);
-    return 0;
+    return fallBackOnRootImages(rootNames, [this](const std::string& image) { return files_.linkTarget(image); });
 }
 
 // ---- invisibles, from the merged result ----

@@ -34,26 +34,8 @@ int Stripper2::stripFirmwareMap(const Value& item, FirmwareMap map) {
     Value names = item.get(file.byDeviceClass ? "workDeviceClassList" : "workProductList");
     FilteredMap filtered = filterFirmwareMap(map, content, names.elements());
     reportFindings(map, filtered, names);
-    Value files = Value::dictionary();
-    files.set(file.path, filtered.content);
-    modifiedFilesList_.append(files);
+    recordModifiedFile(file.path, filtered.content);
     return 0;
-}
-
-int Stripper2::stripRestoreFirmwareDeviceMapDotTxt(const Value& item) {
-    return stripFirmwareMap(item, FirmwareMap::DeviceMapText);
-}
-
-int Stripper2::stripRestoreFirmwareTargetMapDotTxt(const Value& item) {
-    return stripFirmwareMap(item, FirmwareMap::TargetMapText);
-}
-
-int Stripper2::stripRestoreFirmwareDeviceMapDotPlist(const Value& item) {
-    return stripFirmwareMap(item, FirmwareMap::DeviceMapPlist);
-}
-
-int Stripper2::stripRestoreFirmwarePlatformKeysDotPlist(const Value& item) {
-    return stripFirmwareMap(item, FirmwareMap::PlatformKeys);
 }
 
 }  // namespace whittle

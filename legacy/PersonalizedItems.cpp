@@ -79,7 +79,7 @@ int Stripper2::stripRestoreUsingTessera(const Value& item) {
         keepManifestItems(item, identity, bundle, files, nullptr);
     }
     files.set(kBuildManifest, buildManifestWithIdentities(buildManifest, identities, item));
-    appendKeptPaths(keepList);
+    keepPaths(keepList);
     modifiedFilesList_.append(files);
     return 0;
 }

@@ -5,7 +5,6 @@
 
 #include "engine/BundleListing.hpp"
 #include "engine/BundlePaths.hpp"
-#include "engine/Cookie.hpp"
 #include "engine/RequestRules.hpp"
 #include "engine/WorkItems.hpp"
 #include "engine/WorkList.hpp"
@@ -49,7 +48,7 @@ bool Stripper2::checkPersonalized() const { return option("checkPersonalized"); 
 
 bool Stripper2::checkUnpersonalized() const { return checksUnpersonalized(stripOptions_); }
 
-void Stripper2::appendKeptPaths(const std::vector<std::string>& paths) {
+void Stripper2::keepPaths(const std::vector<std::string>& paths) {
     strippedManifestsList_.append(Value::stringArray(paths));
 }
 
@@ -194,43 +193,17 @@ int Stripper2::preanalyzeRequest() {
     closing.set("workProductList", Value::array(*productSet.asSetMembers()));
     closing.set("workPersonalizationVariantList", Value::array(*personalizationSet.asSetMembers()));
     // The cookie comes after the modified-files merge, so it never reaches the result.
-    const std::pair<const char*, const char*> closingSteps[] = {
-        {"stripCommonWork:", "Strip support files"},
-        {"mergeStrippedManifests:", "Merging stripped manifests"},
-        {"mergeModifiedFiles:", "Merging modified files"},
-        {"stripInvisibles:", "Strip invisibles"},
-        {"leaveCookie:", "Leaving cookie for Santa"},
+    static const ClosingStep closingSteps[] = {
+        kSupportFilesStep,
+        {"Merging stripped manifests", "mergeStrippedManifests:"},
+        {"Merging modified files", "mergeModifiedFiles:"},
     };
-    for (const auto& [selector, name] : closingSteps) {
-        workList_.append(copyWith(closing, {{"workSelector", Value::string(selector)}, {"workName", Value::string(name)}}));
-    }
-
-    Log(">>> Work List");
-    LogObject::sharedLogger().PrettyPrint(workList_);
+    appendClosingSteps(workList_, closing, closingSteps);
+    logWorkList(workList_);
     return 0;
 }
 
 // ---- running the work list ----
-
-Stripper2::WorkOperation Stripper2::operationNamed(std::string_view selector) {
-    static const auto operations = [] {
-        auto table = sharedOperations<Stripper2>();
-        table.insert({
-            {"stripRestoreUsingTessera:", &Stripper2::stripRestoreUsingTessera},
-            {"stripRestorePlistUsingTessera:", &Stripper2::stripRestorePlistUsingTessera},
-            {"stripRestoreWithoutTessera:", &Stripper2::stripRestoreWithoutTessera},
-            {"stripBuildManifestWithoutTessera:", &Stripper2::stripBuildManifestWithoutTessera},
-            {"mergeStrippedManifests:", &Stripper2::mergeStrippedManifests},
-            {"mergeModifiedFiles:", &Stripper2::mergeModifiedFiles},
-            {"stripUnencryptedImages:", &Stripper2::stripUnencryptedImages},
-            {"stripBogusRestoreImagesInRootDirectory:", &Stripper2::stripBogusRestoreImagesInRootDirectory},
-        });
-        return table;
-    }();
-    return operationIn(operations, selector);
-}
-
-int Stripper2::performWork(const Value&) { return runWorkList(*this, workList_); }
 
 int Stripper2::stripCommonWork(const Value& item) {
     static const char* const passes[] = {
@@ -239,19 +212,16 @@ int Stripper2::stripCommonWork(const Value& item) {
         "stripFWPKs:", "stripDebugFolder:", "stripUnencryptedImages:", "stripHomeDiags:", "stripSDKs:",
         "stripBundleImages:", "stripBogusRestoreImagesInRootDirectory:", "stripRestoreTools:",
     };
-    return runSteps(*this, passes, item);
-}
-
-int Stripper2::leaveCookie(const Value&) {
-    if (option("noCookie")) return 0;
-    Log("+++ Oreo's left.  No milk.");
-    Value cookie = Value::dictionary();
-    cookie.set("WhittleCookie.plist", makeCookie(bundleRoot_, stripOptions_));
-    modifiedFilesList_.append(cookie);
-    return 0;
+    return runSteps(passes, item);
 }
 
 // ---- utilities ----
+
+void Stripper2::recordModifiedFile(const std::string& path, const Value& content) {
+    Value files = Value::dictionary();
+    files.set(path, content);
+    modifiedFilesList_.append(files);
+}
 
 Value Stripper2::mutableDictionaryAtSubpath(const std::string& path) const {
     if (!files_.exists(path)) {

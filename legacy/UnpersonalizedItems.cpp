@@ -79,7 +79,7 @@ int Stripper2::stripRestoreWithoutTessera(const Value& item) {
         for (const auto& file : filesNamedBy(restorePlist)) addSubpathToKeepList(inRestoreFolder(file), keepList);
         if (restorePlist.count() > 0) files.set(kRestorePlist, restorePlist);
     }
-    appendKeptPaths(keepList);
+    keepPaths(keepList);
     if (files.count() > 0) modifiedFilesList_.append(files);
     return 0;
 }
