@@ -5,6 +5,7 @@
 #include "engine/BundleListing.hpp"
 #include "engine/Catalogue.hpp"
 #include "engine/FileListRules.hpp"
+#include "engine/RequestRules.hpp"
 #include "engine/Stripper3.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
@@ -134,15 +135,7 @@ int Stripper3::stripBuildManifest(const Value& item) {
     Value stripped = original.isDictionary() ? Value::dictionary(*original.asDictionary()) : Value::dictionary();
     stripped.set("BuildIdentities", flattenBuildIdentities(strippedBuildIdentities_));
 
-    Value requestedModels = item.get("workAllModels");
-    std::set<std::string> models;
-    Value listed = original.get("SupportedProductTypes");
-    for (const auto& model : listed.elements()) {
-        if (model.isString() && requestedModels.setContains(model)) models.insert(std::string(model.text()));
-    }
-    std::vector<std::string> sorted(models.begin(), models.end());
-    sortIgnoringCase(sorted);
-    stripped.set("SupportedProductTypes", Value::stringArray(sorted));
+    stripped.set("SupportedProductTypes", keptModels(original.get("SupportedProductTypes"), item.get("workAllModels")));
     modifiedFilelist_.set("Restore/BuildManifest.plist", stripped);
     return 0;
 }

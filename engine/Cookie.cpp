@@ -3,9 +3,8 @@
 
 #include <string>
 
-#include "engine/Stripper3.hpp"
+#include "support/Format.hpp"
 #include "support/Helpers.hpp"
-#include "support/LogObject.hpp"
 #include "support/ProcessInfo.hpp"
 
 namespace whittle {
@@ -31,13 +30,6 @@ Value makeCookie(const std::string& source, const Value& options) {
                                              format("%@ -- Version %@, built %s %s", toolName, toolVersion, buildDate(), buildTime()))));
     }
     return cookie;
-}
-
-int Stripper3::leaveCookie(const Value&) {
-    if (option("noCookie")) return 0;
-    Log("+++ Oreo's left.  No milk.");
-    modifiedFilelist_.set("WhittleCookie.plist", makeCookie(bundleRoot_, stripOptions_));
-    return 0;
 }
 
 }  // namespace whittle

@@ -1,6 +1,9 @@
 #include "engine/FileListRules.hpp"
 
 #include "engine/Catalogue.hpp"
+#include "engine/BundlePaths.hpp"
+#include "engine/RequestRules.hpp"
+#include "support/Paths.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
 #include "support/Paths.hpp"
@@ -67,7 +70,7 @@ void keepManifestItems(const Value& item, const Value& identity, BundleView& bun
     Value personalization = valueForKeyPath(identity, "Info.Variant");
     Value variantContents = valueForKeyPath(identity, "Info.VariantContents");
     std::string variant(item.get("workVariant").text());
-    bool noOS = Catalogue::builtIn().factoryVariantValue(variant + ".PersonalizationOSImageTypes").text().empty();
+    bool noOS = !installsOperatingSystem(variant);
     const auto* manifest = identity.get("Manifest").asDictionary();
     if (!manifest) return;
 
@@ -83,7 +86,7 @@ void keepManifestItems(const Value& item, const Value& identity, BundleView& bun
             Log("--- skipping %@ \"%@\" %@: %@.", deviceClass, personalization, key, path);
             continue;
         } else {
-            bundle.keep("Restore/" + path);
+            bundle.keep(inRestoreFolder(path));
         }
 
         if (imageSets) {
@@ -95,11 +98,11 @@ void keepManifestItems(const Value& item, const Value& identity, BundleView& bun
         if (path.find('/') == std::string::npos) {
             std::string expected = expectedImageName(key, item, variantContents);
             if (!expected.empty() && !equalsIgnoringCase(expected, path)) {
-                links.set("Restore/" + expected, Value::data(path));
+                links.set(inRestoreFolder(expected), Value::data(path));
             }
         }
         if (containsIgnoringCase(path, "Firmware/all_flash/all_flash.")) {
-            bundle.keep("Restore/" + deletingLastPathComponent(path) + "/manifest");
+            bundle.keep(inRestoreFolder(deletingLastPathComponent(path) + "/manifest"));
         }
     }
 }

@@ -121,6 +121,41 @@ ValueArray platformsOfProducts(const ValueArray& products) {
     return platforms;
 }
 
+const FirmwareMapFile& firmwareMapFile(FirmwareMap map) {
+    static const FirmwareMapFile files[] = {
+        {kDeviceMapText, "device_map.txt", true, true},
+        {kDeviceMapPlist, "device_map.plist", false, true},
+        {kTargetMapText, "target_map.txt", true, false},
+        {kPlatformKeys, "platform_keys.plist", false, false},
+    };
+    return files[static_cast<int>(map)];
+}
+
+Value firmwareMapContent(const BundleFiles& files, FirmwareMap map,
+                         const std::function<Value(const std::string&)>& readPropertyList) {
+    const FirmwareMapFile& file = firmwareMapFile(map);
+    if (file.isText) {
+        auto text = readFirmwareTextMap(files, file.path, map == FirmwareMap::DeviceMapText);
+        return text ? Value::string(*text) : Value();
+    }
+    Value content = readPropertyList(file.path);
+    if (content.isDictionary()) return content;
+    // The device map's property list has always been reported under the text file's name.
+    Log(map == FirmwareMap::DeviceMapPlist ? "!!! WARNING: \"Restore/Firmware/device_map.txt\" not found."
+                                           : "!!! WARNING: \"Restore/Firmware/platform_keys.plist\" not found.");
+    return {};
+}
+
+FilteredMap filterFirmwareMap(FirmwareMap map, const Value& content, const ValueArray& names) {
+    switch (map) {
+        case FirmwareMap::DeviceMapText: return filterDeviceMapText(std::string(content.text()), names);
+        case FirmwareMap::TargetMapText: return filterTargetMapText(std::string(content.text()), names);
+        case FirmwareMap::DeviceMapPlist: return filterDeviceMapPlist(content, names);
+        case FirmwareMap::PlatformKeys: return filterPlatformKeys(content, platformsOfProducts(names));
+    }
+    return {};
+}
+
 std::optional<std::string> readFirmwareTextMap(const BundleFiles& files, const std::string& relative, bool isDeviceMap) {
     int readError = 0;
     auto text = files.readFile(relative, &readError);

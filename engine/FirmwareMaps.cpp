@@ -13,65 +13,36 @@ Value namesOf(const Value& set) {
     return set.isSet() ? set : Value::setOf();
 }
 
+// Only the text maps list their findings plainly; the property-list maps print theirs,
+// and the device map the names it missed, as property-list text.
+void reportFindings(FirmwareMap map, const FilteredMap& filtered, const Value& names) {
+    const FirmwareMapFile& file = firmwareMapFile(map);
+    if (filtered.found.count() > 0) {
+        if (file.isText) {
+            Log("+++ %s found %@.", file.name, niceDescription(filtered.found));
+        } else {
+            Log("+++ %s found %@.", file.name, filtered.found);
+        }
+    } else if (map == FirmwareMap::PlatformKeys) {
+        Log("!!! WARNING: %s %@ (%@) not found.", file.name, niceDescription(names),
+            niceDescription(platformsOfProducts(names.elements())));
+    } else if (file.isText) {
+        Log("!!! WARNING: %s %@ not found.", file.name, niceDescription(names));
+    } else {
+        Log("!!! WARNING: %s %@ not found.", file.name, names);
+    }
+}
+
 }  // namespace
 
-int Stripper3::stripFirmwareTextMap(const Value& item, const char* keysName, bool isDeviceMap) {
-    const char* file = isDeviceMap ? kDeviceMapText : kTargetMapText;
-    auto text = readFirmwareTextMap(*files_, file, isDeviceMap);
-    if (!text) return 0;
-    Value names = namesOf(item.get(keysName));
-    FilteredMap map = isDeviceMap ? filterDeviceMapText(*text, names.elements()) : filterTargetMapText(*text, names.elements());
-    const char* fileName = isDeviceMap ? "device_map.txt" : "target_map.txt";
-    if (map.found.count() == 0) {
-        Log("!!! WARNING: %s %@ not found.", fileName, niceDescription(names));
-    } else {
-        Log("+++ %s found %@.", fileName, niceDescription(map.found));
-    }
-    modifiedFilelist_.set(file, map.content);
-    return 0;
-}
-
-int Stripper3::stripRestoreFirmwareDeviceMapDotTxt(const Value& item) {
-    return stripFirmwareTextMap(item, "workAllDeviceClasses", true);
-}
-
-int Stripper3::stripRestoreFirmwareTargetMapDotTxt(const Value& item) {
-    return stripFirmwareTextMap(item, "workAllProducts", false);
-}
-
-int Stripper3::stripRestoreFirmwareDeviceMapDotPlist(const Value& item) {
-    Value map = propertyListInBundle(*files_, kDeviceMapPlist);
-    if (!map.isDictionary()) {
-        // This step's message has always named the text file.
-        Log("!!! WARNING: \"Restore/Firmware/device_map.txt\" not found.");
-        return 0;
-    }
-    Value deviceClasses = namesOf(item.get("workAllDeviceClasses"));
-    FilteredMap kept = filterDeviceMapPlist(map, deviceClasses.elements());
-    if (kept.found.count() == 0) {
-        Log("!!! WARNING: device_map.plist %@ not found.", deviceClasses);
-    } else {
-        Log("+++ device_map.plist found %@.", kept.found);
-    }
-    modifiedFilelist_.set(kDeviceMapPlist, kept.content);
-    return 0;
-}
-
-int Stripper3::stripRestoreFirmwarePlatformKeysDotPlist(const Value& item) {
-    Value keys = propertyListInBundle(*files_, kPlatformKeys);
-    if (!keys.isDictionary()) {
-        Log("!!! WARNING: \"Restore/Firmware/platform_keys.plist\" not found.");
-        return 0;
-    }
-    Value products = namesOf(item.get("workAllProducts"));
-    ValueArray platforms = platformsOfProducts(products.elements());
-    FilteredMap kept = filterPlatformKeys(keys, platforms);
-    if (kept.found.count() == 0) {
-        Log("!!! WARNING: platform_keys.plist %@ (%@) not found.", niceDescription(products), niceDescription(platforms));
-    } else {
-        Log("+++ platform_keys.plist found %@.", kept.found);
-    }
-    modifiedFilelist_.set(kPlatformKeys, kept.content);
+int Stripper3::stripFirmwareMap(const Value& item, FirmwareMap map) {
+    const FirmwareMapFile& file = firmwareMapFile(map);
+    Value content = firmwareMapContent(*files_, map, [this](const std::string& path) { return propertyListInBundle(*files_, path); });
+    if (content.isNone()) return 0;
+    Value names = namesOf(item.get(file.byDeviceClass ? "workAllDeviceClasses" : "workAllProducts"));
+    FilteredMap filtered = filterFirmwareMap(map, content, names.elements());
+    reportFindings(map, filtered, names);
+    recordModifiedFile(file.path, filtered.content);
     return 0;
 }
 

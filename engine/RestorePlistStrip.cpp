@@ -1,7 +1,9 @@
 // Restore.plist, rewritten to name only what the kept build identities use and only the
 // requested products, models and processors.
 #include "engine/Catalogue.hpp"
+#include "engine/RequestRules.hpp"
 #include "engine/Stripper3.hpp"
+#include "engine/WorkItems.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
 
@@ -32,8 +34,6 @@ Value filterTwoLevels(const Value& original, const std::set<std::string>& files,
     }
     return filtered;
 }
-
-bool setHoldsString(const Value& set, std::string_view text) { return set.setContains(Value::string(std::string(text))); }
 
 }  // namespace
 
@@ -75,20 +75,12 @@ int Stripper3::stripRestorePlist(const Value& item) {
 
     result.set("RamDisksByPlatform",
                filterTwoLevels(result.get("RamDisksByPlatform"), ramDisksSet_,
-                               [&](const std::string& key) { return setHoldsString(allProcessorIDs, key); }));
+                               [&](const std::string& key) { return holdsString(allProcessorIDs, key); }));
     result.set("SystemRestoreImagesByTarget",
                filterTwoLevels(result.get("SystemRestoreImagesByTarget"), restoreImagesSet_,
-                               [&](const std::string& key) { return setHoldsString(allProducts, key); }));
+                               [&](const std::string& key) { return holdsString(allProducts, key); }));
 
-    std::set<std::string> models;
-    if (const auto* listed = result.get("SupportedProductTypes").asArray()) {
-        for (const auto& model : *listed) {
-            if (model.isString() && allModels.setContains(model)) models.insert(std::string(model.text()));
-        }
-    }
-    std::vector<std::string> sortedModels(models.begin(), models.end());
-    sortIgnoringCase(sortedModels);
-    result.set("SupportedProductTypes", Value::stringArray(sortedModels));
+    result.set("SupportedProductTypes", keptModels(result.get("SupportedProductTypes"), allModels));
 
     auto keepKeys = [&result](const char* key, auto keepKey) {
         const auto* table = result.get(key).asDictionary();
@@ -99,7 +91,7 @@ int Stripper3::stripRestorePlist(const Value& item) {
         }
         result.set(key, kept);
     };
-    keepKeys("SystemPartitionPadding", [&](const std::string& name) { return setHoldsString(allProducts, name); });
+    keepKeys("SystemPartitionPadding", [&](const std::string& name) { return holdsString(allProducts, name); });
     keepKeys("MinimumSystemPartition", [&](const std::string& name) { return restoreImagesSet_.contains(name); });
 
     modifiedFilelist_.set("Restore/Restore.plist", result);

@@ -5,6 +5,9 @@
 
 #include "engine/BundlePaths.hpp"
 #include "engine/Catalogue.hpp"
+#include "support/Paths.hpp"
+#include "engine/RequestRules.hpp"
+#include "engine/WorkItems.hpp"
 #include "engine/WorkList.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
@@ -45,9 +48,6 @@ std::unique_ptr<Stripper> Stripper3::stripperForBundle(std::shared_ptr<const Bun
     return std::make_unique<Stripper3>(std::move(files), products, factoryVariants, options);
 }
 
-std::vector<std::string> Stripper3::knownProducts() { return Catalogue::builtIn().knownProducts(); }
-std::vector<std::string> Stripper3::knownFactoryVariants() { return Catalogue::builtIn().knownFactoryVariants(); }
-
 int Stripper3::strip() {
     if (!loadBuildManifest()) return 1;
     if (!restorePlist_.load()) {
@@ -72,10 +72,7 @@ bool Stripper3::loadBuildManifest() {
 }
 
 std::string Stripper3::pathInBundle(std::string_view bundleRelativePath) const {
-    std::string path = bundleRoot_;
-    if (!path.empty() && path.back() != '/') path += '/';
-    path += bundleRelativePath;
-    return path;
+    return joinPath(bundleRoot_, bundleRelativePath);
 }
 
 bool Stripper3::option(std::string_view key) const { return boolForKey(stripOptions_, key); }
@@ -86,15 +83,11 @@ Value Stripper3::requestedList(std::string_view key) const {
 }
 
 Value Stripper3::deviceClassesFor(std::string_view product) const {
-    Value classes = Value::array();
-    if (!option("stripAPFirmware")) classes.append(Value::string(std::string(product) + "ap"));
-    if (option("keepDevFirmware")) classes.append(Value::string(std::string(product) + "dev"));
-    return classes;
+    return Value::stringArray(deviceClassesOf(product, stripOptions_).asked());
 }
 
 void Stripper3::keepAll(const KeepList& keepList) { copiedFilelist_.insert(keepList.begin(), keepList.end()); }
 
-void Stripper3::keepAll(const std::vector<std::string>& paths) { copiedFilelist_.insert(paths.begin(), paths.end()); }
 
 // ---- request analysis ----
 
@@ -111,28 +104,12 @@ std::vector<std::string> namesMissingFrom(const Value& requested, const Value& a
     return {missing.begin(), missing.end()};
 }
 
-// A catalogue value as a list: a single string counts as a one-element array.
-ValueArray asList(const Value& value) {
-    if (const auto* array = value.asArray()) return *array;
-    if (value.isNone()) return {};
-    return {value};
-}
-
 void addAllToSet(Value& set, const Value& catalogueValue) {
-    for (const auto& element : asList(catalogueValue)) set.addToSet(element);
+    Value list = asList(catalogueValue);
+    for (const auto& element : list.elements()) set.addToSet(element);
 }
 
 Value setAsArray(const Value& set) { return Value::array(*set.asSetMembers()); }
-
-Value copyWith(const Value& base, std::initializer_list<std::pair<const char*, Value>> entries) {
-    Value item = Value::dictionary(*base.asDictionary());
-    for (const auto& [key, value] : entries) item.set(key, value);
-    return item;
-}
-
-void setIfPresent(Value& item, const char* key, const Value& value) {
-    if (!value.isNone()) item.set(key, value);
-}
 
 }  // namespace
 
@@ -214,52 +191,17 @@ int Stripper3::preanalyzeRequest() {
     wholeRun.set("workAllModels", allModels);
     wholeRun.set("workAllProcessorIDs", allProcessorIDs);
     wholeRun.set("workAllPersonalizationVariants", allPersonalizationVariants);
-    const std::pair<const char*, const char*> closingSteps[] = {
+    static const ClosingStep closingSteps[] = {
         {"Finish stripping BuildManifest.plist", "stripBuildManifest:"},
         {"Cross check and strip Restore.plist", "stripRestorePlist:"},
-        {"Strip support files", "stripCommonWork:"},
-        {"Strip invisibles", "stripInvisibles:"},
-        {"Leaving cookie for Santa", "leaveCookie:"},
+        kSupportFilesStep,
     };
-    for (const auto& [name, selector] : closingSteps) {
-        workList_.append(copyWith(wholeRun, {{"workName", Value::string(name)}, {"workSelector", Value::string(selector)}}));
-    }
-
-    Log(">>> Work List");
-    LogObject::sharedLogger().PrettyPrint(workList_);
+    appendClosingSteps(workList_, wholeRun, closingSteps);
+    logWorkList(workList_);
     return 0;
 }
 
-bool Stripper3::checkUnpersonalized() const {
-    return option("checkUnpersonalized") || option("useRestorePlistInsteadOfBuildManifest");
-}
-
-Stripper3::WorkOperation Stripper3::operationNamed(std::string_view selector) {
-    static const std::map<std::string_view, WorkOperation> operations = {
-        {"buildFilelistFromBuildManifest:", &Stripper3::buildFilelistFromBuildManifest},
-        {"updateFilelistForUnpersonalizedInstall:", &Stripper3::updateFilelistForUnpersonalizedInstall},
-        {"stripBuildManifest:", &Stripper3::stripBuildManifest},
-        {"stripRestorePlist:", &Stripper3::stripRestorePlist},
-        {"stripCommonWork:", &Stripper3::stripCommonWork},
-        {"stripInvisibles:", &Stripper3::stripInvisibles},
-        {"leaveCookie:", &Stripper3::leaveCookie},
-        {"stripRestoreFirmwareDeviceMapDotTxt:", &Stripper3::stripRestoreFirmwareDeviceMapDotTxt},
-        {"stripRestoreFirmwareDeviceMapDotPlist:", &Stripper3::stripRestoreFirmwareDeviceMapDotPlist},
-        {"stripRestoreFirmwareTargetMapDotTxt:", &Stripper3::stripRestoreFirmwareTargetMapDotTxt},
-        {"stripRestoreFirmwarePlatformKeysDotPlist:", &Stripper3::stripRestoreFirmwarePlatformKeysDotPlist},
-        {"stripFWPKs:", &Stripper3::stripFWPKs},
-        {"stripDebugFolder:", &Stripper3::stripDebugFolder},
-        {"stripHomeDiags:", &Stripper3::stripHomeDiags},
-        {"stripSDKs:", &Stripper3::stripSDKs},
-        {"stripBundleImages:", &Stripper3::stripBundleImages},
-        {"stripRestoreTools:", &Stripper3::stripRestoreTools},
-        {"stripFactoryDiskImage:", &Stripper3::stripFactoryDiskImage},
-    };
-    auto found = operations.find(selector);
-    return found == operations.end() ? nullptr : found->second;
-}
-
-int Stripper3::performWork(const Value&) { return runWorkList(*this, workList_); }
+bool Stripper3::checkUnpersonalized() const { return checksUnpersonalized(stripOptions_); }
 
 int Stripper3::stripCommonWork(const Value& item) {
     static const char* const steps[] = {
@@ -268,13 +210,7 @@ int Stripper3::stripCommonWork(const Value& item) {
         "stripFWPKs:", "stripDebugFolder:", "stripHomeDiags:", "stripSDKs:", "stripBundleImages:",
         "stripRestoreTools:", "stripFactoryDiskImage:",
     };
-    Value copy = Value::dictionary(*item.asDictionary());
-    int result = 0;
-    for (const char* step : steps) {
-        result = (this->*operationNamed(step))(copy);
-        if (result != 0) return result;
-    }
-    return result;
+    return runSteps(steps, item);
 }
 
 }  // namespace whittle

@@ -12,9 +12,11 @@
 #include <vector>
 
 #include "engine/FileListRules.hpp"
-#include "engine/Stripper.hpp"
+#include "engine/FirmwareMapFilters.hpp"
+#include "engine/StripEngine.hpp"
 #include "engine/BundleFiles.hpp"
 #include "engine/FolderBundleFiles.hpp"
+#include "engine/SupportFiles.hpp"
 #include "support/PropertyList.hpp"
 #include "support/Value.hpp"
 
@@ -22,12 +24,8 @@ namespace whittle {
 
 using KeepList = std::unordered_set<std::string>;
 
-class Stripper3 : public Stripper {
+class Stripper3 : public StripEngine<Stripper3> {
 public:
-    // The operation a work item's "workSelector" names, or nullptr.
-    using WorkOperation = int (Stripper3::*)(const Value&);
-    static WorkOperation operationNamed(std::string_view selector);
-
     Stripper3(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
               const Value& options);
     // An engine over the bundle folder at `bundleRoot`.
@@ -38,8 +36,6 @@ public:
                                                      const Value& factoryVariants, const Value& options);
     static std::unique_ptr<Stripper> stripperForBundle(std::shared_ptr<const BundleFiles> files, const Value& products,
                                                        const Value& factoryVariants, const Value& options);
-    static std::vector<std::string> knownProducts();
-    static std::vector<std::string> knownFactoryVariants();
 
     int strip() override;
     Value validProducts() override;
@@ -50,7 +46,6 @@ public:
 
     // ---- request analysis and the work list ----
     int preanalyzeRequest();
-    int performWork(const Value& unused);
     bool checkUnpersonalized() const;
     int stripCommonWork(const Value& item);
     const Value& workList() const { return workList_; }
@@ -75,23 +70,18 @@ public:
     int stripRestorePlist(const Value& item);
 
     // ---- firmware maps ----
-    int stripRestoreFirmwareDeviceMapDotTxt(const Value& item);
-    int stripRestoreFirmwareDeviceMapDotPlist(const Value& item);
-    int stripRestoreFirmwareTargetMapDotTxt(const Value& item);
-    int stripRestoreFirmwarePlatformKeysDotPlist(const Value& item);
+    int stripFirmwareMap(const Value& item, FirmwareMap map);
 
     // ---- bundle content ----
-    int stripDebugFolder(const Value& item);
-    int stripBundleImages(const Value& item);
-    int stripHomeDiags(const Value& item);
-    int stripSDKs(const Value& item);
+    int keepOptionalFolder(const OptionalFolder& folder);
+    int keepOptionalLinkedImage(const OptionalLinkedImage& image);
     int stripFactoryDiskImage(const Value& item);
     int stripFWPKs(const Value& item);
     int stripRestoreTools(const Value& item);
     int stripInvisibles(const Value& item);
-
-    // ---- cookie ----
-    int leaveCookie(const Value& item);
+    void keepPaths(const std::vector<std::string>& paths) { copiedFilelist_.insert(paths.begin(), paths.end()); }
+    // The new content of a bundle-relative path.
+    void recordModifiedFile(const std::string& path, const Value& content) { modifiedFilelist_.set(path, content); }
 
     // ---- fields ----
     const Value& stripInfo() const { return stripInfo_; }
@@ -113,11 +103,6 @@ private:
     bool loadBuildManifest();
     std::string pathInBundle(std::string_view bundleRelativePath) const;
     void keepAll(const KeepList& keepList);
-    void keepAll(const std::vector<std::string>& paths);
-    int keepFolderListingWhenAsked(std::string_view optionKey, const std::string& folder, const char* message);
-    int keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* message,
-                                 bool messageNamesTarget);
-    int stripFirmwareTextMap(const Value& item, const char* keysName, bool isDeviceMap);
 
     int chooseIdentities(const Value& item, Value& chosen);
 

@@ -10,79 +10,43 @@
 
 namespace whittle {
 
+// ---- folders and linked images ----
+
 namespace {
 
-constexpr const char* kHomeDiagnostics = "HomeDiagnostic.dmg";
-constexpr const char* kSDKImage = "HandsetSDKInternalNonUI.dmg";
-constexpr const char* kFirmwareArchives = "Mediadesk FWPKs";
-constexpr const char* kRestoreTools = "RestoreTools.dmg";
-
-bool holdsString(const Value& list, std::string_view text) {
-    for (const auto& element : list.elements()) {
-        if (element.isString() && element.text() == text) return true;
-    }
-    return false;
-}
+// No option keeps these images.
+constexpr OptionalFolder kUnencryptedImages{nullptr, "UnencryptedImages", nullptr, "--- Unencrypted Images scrub %d items."};
 
 }  // namespace
 
-// ---- folders and linked images ----
-
-int Stripper2::keepListingWhenAsked(std::string_view optionKey, const std::string& folder, const char* foundMessage,
-                                    const char* scrubMessage) {
+int Stripper2::keepOptionalFolder(const OptionalFolder& folder) {
     // The folder and its direct entries, never deeper levels.
-    auto listing = submanifestStartingAt(folder, false);
-    if (!foundMessage || !option(optionKey)) {
-        if (!listing.empty()) Log(scrubMessage, listing.size());
+    auto listing = submanifestStartingAt(folder.folder, false);
+    if (!folder.option || !option(folder.option)) {
+        if (!listing.empty()) Log(folder.scrubMessage, listing.size());
         return 0;
     }
-    if (!listing.empty()) Log(foundMessage, listing.size());
-    appendKeptPaths(listing);
+    if (!listing.empty()) Log(folder.foundMessage, listing.size());
+    keepPaths(listing);
     return 0;
 }
 
-int Stripper2::stripDebugFolder(const Value&) {
-    return keepListingWhenAsked("keepDebug", "Debug", "+++ Debug folder found %d items.", "--- Debug folder scrub %d items.");
-}
+int Stripper2::stripUnencryptedImages(const Value&) { return keepOptionalFolder(kUnencryptedImages); }
 
-int Stripper2::stripUnencryptedImages(const Value&) {
-    // No option keeps these images.
-    return keepListingWhenAsked("", "UnencryptedImages", nullptr, "--- Unencrypted Images scrub %d items.");
-}
-
-int Stripper2::stripBundleImages(const Value&) {
-    return keepListingWhenAsked("keepBundleImages", "BundleImages", "+++ BundleImages found %d items.",
-                                "--- BundleImages scrub %d items.");
-}
-
-int Stripper2::keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* foundMessage,
-                                        bool messageNamesTarget, const char* scrubMessage) {
-    auto target = files_->linkTarget(linkName);
-    if (option(optionKey)) {
+int Stripper2::keepOptionalLinkedImage(const OptionalLinkedImage& image) {
+    auto target = files_->linkTarget(image.link);
+    if (option(image.option)) {
         // A plain file under the link's name is not kept.
         std::vector<std::string> kept;
         if (target) {
-            if (messageNamesTarget) {
-                Log(foundMessage, *target);
-            } else {
-                Log(foundMessage);
-            }
-            kept = {*target, linkName};
+            Log(image.foundMessage, *target);
+            kept = {*target, image.link};
         }
-        appendKeptPaths(kept);
-    } else if (target || bundleLists(linkName)) {
-        Log(scrubMessage);
+        keepPaths(kept);
+    } else if (target || bundleLists(image.link)) {
+        Log(image.scrubMessage);
     }
     return 0;
-}
-
-int Stripper2::stripHomeDiags(const Value&) {
-    return keepLinkedImageWhenAsked("keepHomeDiagnostics", kHomeDiagnostics, "+++ HomeDiagnostics found.", false,
-                                    "--- HomeDiagnostics scrub.");
-}
-
-int Stripper2::stripSDKs(const Value&) {
-    return keepLinkedImageWhenAsked("keepSDK", kSDKImage, "+++ NonUI SDK found \"%@\".", true, "--- NonUI SDK scrub.");
 }
 
 int Stripper2::stripBogusRestoreImagesInRootDirectory(const Value&) { return 0; }
@@ -97,26 +61,12 @@ int Stripper2::stripFWPKs(const Value& item) {
         return 0;
     }
     Value personalizations = item.get("workPersonalizationVariantList");
-    struct OperatingSystemArchive {
-        const char* personalization;
-        const char* nameFragment;
-    };
-    const OperatingSystemArchive systemArchives[] = {
-        {"FullInternalOS", "FullInternal"}, {"VendorInternalOS", "VendorInternal"}, {"LiteInternalOS", "LiteInternal"}};
-
     std::vector<std::string> keptPaths;
     Value found = Value::setOf(), scrubbed = Value::setOf();
     for (const auto& product : item.get("workProductList").elements()) {
         for (const auto& entry : listing) {
-            if (entry == kFirmwareArchives || !hasSuffix(entry, "FWPK", kCaseInsensitiveSearch)) continue;
-            // An archive of any product is kept as soon as the request asks for the
-            // operating system its name carries.
-            bool match = containsIgnoringCase(entry, product.description());
-            for (const auto& archive : systemArchives) {
-                match = match || (holdsString(personalizations, archive.personalization) &&
-                                  containsIgnoringCase(entry, archive.nameFragment));
-            }
-            if (match) {
+            if (!isFirmwareArchive(entry)) continue;
+            if (wantsFirmwareArchive(entry, product.description(), personalizations)) {
                 found.addToSet(Value::string(entry));
                 keptPaths.push_back(kFirmwareArchives);
                 for (const auto& path : submanifestStartingAt(entry)) keptPaths.push_back(path);
@@ -128,7 +78,7 @@ int Stripper2::stripFWPKs(const Value& item) {
     }
     if (scrubbed.count() > 0) Log("--- FWPKs scrub %@.", niceDescription(scrubbed));
     if (found.count() > 0) {
-        appendKeptPaths(keptPaths);
+        keepPaths(keptPaths);
         Log("+++ FWPKs found %@.", niceDescription(found));
     }
     return 0;
@@ -137,53 +87,23 @@ int Stripper2::stripFWPKs(const Value& item) {
 // ---- the restore tools image ----
 
 int Stripper2::stripRestoreTools(const Value&) {
-    std::vector<std::string> candidates;
-    for (const auto& name : files_->entries("")) {
-        if (hasSuffix(name, ".dmg", kCaseInsensitiveSearch) && !name.starts_with("._")) candidates.push_back(name);
-    }
-    std::vector<std::string> remaining = candidates;
-    int result = 0;
-    std::optional<std::string> toolName, toolTarget, linkTarget;
-    for (const auto& candidate : candidates) {
-        auto target = files_->linkTarget(candidate);
-        if (target) {
-            std::erase_if(remaining, [&](const std::string& name) { return name == candidate || name == *target; });
-        }
-        if (candidate != kRestoreTools) continue;
-        toolName = candidate;
-        if (!target) continue;
-        linkTarget = target;
+    auto rootNames = files_->entries("");
+    auto images = rootDiskImages(rootNames);
+    bool toolsAtRoot = std::find(images.begin(), images.end(), kRestoreTools) != images.end();
+    if (auto target = toolsAtRoot ? files_->linkTarget(kRestoreTools) : std::nullopt) {
+        int result = 0;
         if (!bundleLists(*target)) {
+            // A missing target is reported and still listed; the run then stops here.
             Log("XXX ERROR: RestoreTools \"%@\" missing from bundle.", *target);
             result = 1;
-            break;
         }
-        toolTarget = target;
-    }
-
-    if (result != 0 || (toolName && toolTarget)) {
-        // A missing target is reported and still listed; the run then stops here.
-        Log("+++ RestoreTools found %@ %@.", *toolName, *linkTarget);
-        std::vector<std::string> kept{*linkTarget};
+        Log("+++ RestoreTools found %@ %@.", kRestoreTools, *target);
+        std::vector<std::string> kept{*target};
         if (!option("noSymLinks")) kept.push_back(kRestoreTools);
-        appendKeptPaths(kept);
+        keepPaths(kept);
         return result;
     }
-    if (remaining.size() == 1) {
-        const std::string& image = remaining.front();
-        if (image == kRestoreTools) return 0;
-        Value files = Value::dictionary();
-        files.set(kRestoreTools, Value::data(image));
-        modifiedFilesList_.append(files);
-        appendKeptPaths({image});
-        Log("!!! WARNING: assuming single disk image \"%@\" at root is the RestoreTools disk image.", lastPathComponent(image));
-        return 0;
-    }
-    Log("!!! WARNING: unable to identify the RestoreTools disk image as there are %d disk images left in bundle root - "
-        "including them all - %@.",
-        remaining.size(), niceDescriptionOfStrings(remaining));
-    appendKeptPaths(remaining);
-    return 0;
+    return fallBackOnRootImages(rootNames, [this](const std::string& image) { return files_->linkTarget(image); });
 }
 
 // ---- invisibles, from the merged result ----

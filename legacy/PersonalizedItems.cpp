@@ -3,6 +3,7 @@
 // them, and Restore.plist cut down to the item.
 #include <set>
 
+#include "engine/RequestRules.hpp"
 #include "legacy/Stripper2Internals.hpp"
 #include "support/Paths.hpp"
 #include "support/Helpers.hpp"
@@ -48,13 +49,7 @@ Value Stripper2::identitiesFor(const Value& buildManifest, const Value& item) co
 Value Stripper2::buildManifestWithIdentities(const Value& buildManifest, const Value& identities, const Value& item) {
     Value stripped = Value::dictionary(*buildManifest.asDictionary());
     stripped.set("BuildIdentities", identities);
-    std::set<std::string> models;
-    for (const auto& model : buildManifest.get("SupportedProductTypes").elements()) {
-        if (model.isString() && holdsEqual(item.get("workModelList"), model)) models.insert(std::string(model.text()));
-    }
-    std::vector<std::string> sorted(models.begin(), models.end());
-    sortIgnoringCase(sorted);
-    stripped.set("SupportedProductTypes", Value::stringArray(sorted));
+    stripped.set("SupportedProductTypes", keptModels(buildManifest.get("SupportedProductTypes"), item.get("workModelList")));
     return stripped;
 }
 
@@ -84,7 +79,7 @@ int Stripper2::stripRestoreUsingTessera(const Value& item) {
         keepManifestItems(item, identity, bundle, files, nullptr);
     }
     files.set(kBuildManifest, buildManifestWithIdentities(buildManifest, identities, item));
-    appendKeptPaths(keepList);
+    keepPaths(keepList);
     modifiedFilesList_.append(files);
     return 0;
 }
@@ -144,7 +139,7 @@ Value Stripper2::restorePlistCutFor(const Value& item, bool report) const {
                         outputEntry.remove(kind);
                     } else {
                         found.addToSet(label(name, kind));
-                        std::string path = "Restore/" + std::string(file.text());
+                        std::string path = inRestoreFolder(file.text());
                         if (!bundleLists(path)) {
                             say("!!! WARNING: Restore.plist %@ %@ %@ missing \"%@\" from bundle.", table, name, kind,
                                 lastPathComponent(path));
@@ -175,7 +170,7 @@ Value Stripper2::restorePlistCutFor(const Value& item, bool report) const {
                 found.addToSet(Value::string(name));
                 if (const auto* disksByKind = entry.asDictionary()) {
                     for (const auto& [kind, file] : *disksByKind) {
-                        if (bundleLists("Restore/" + std::string(file.text()))) continue;
+                        if (bundleLists(inRestoreFolder(file.text()))) continue;
                         say("!!! WARNING: Restore.plist RamDisksByPlatform cannot find RAMdisk file %@ %@ \"%@\".", name, kind,
                             lastPathComponent(file.text()));
                     }

@@ -5,7 +5,8 @@
 
 #include "engine/BundleListing.hpp"
 #include "engine/BundlePaths.hpp"
-#include "engine/Cookie.hpp"
+#include "engine/RequestRules.hpp"
+#include "engine/WorkItems.hpp"
 #include "engine/WorkList.hpp"
 #include "legacy/Stripper2Internals.hpp"
 #include "support/Helpers.hpp"
@@ -44,8 +45,6 @@ std::unique_ptr<Stripper> Stripper2::stripperForBundle(std::shared_ptr<const Bun
 }
 
 const Catalogue& Stripper2::catalogue() { return Catalogue::builtIn(); }
-std::vector<std::string> Stripper2::knownProducts() { return catalogue().knownProducts(); }
-std::vector<std::string> Stripper2::knownFactoryVariants() { return catalogue().knownFactoryVariants(); }
 
 int Stripper2::strip() {
     if (int result = preanalyzeRequest()) return result;
@@ -56,20 +55,13 @@ bool Stripper2::option(std::string_view key) const { return boolForKey(stripOpti
 
 bool Stripper2::checkPersonalized() const { return option("checkPersonalized"); }
 
-bool Stripper2::checkUnpersonalized() const {
-    return option("checkUnpersonalized") || option("useRestorePlistInsteadOfBuildManifest");
-}
+bool Stripper2::checkUnpersonalized() const { return checksUnpersonalized(stripOptions_); }
 
-void Stripper2::appendKeptPaths(const std::vector<std::string>& paths) {
+void Stripper2::keepPaths(const std::vector<std::string>& paths) {
     strippedManifestsList_.append(Value::stringArray(paths));
 }
 
 // ---- valid products and variants ----
-
-namespace {
-
-
-}  // namespace
 
 Value Stripper2::validProducts() {
     Value manifest = mutableDictionaryAtSubpath(kBuildManifest);
@@ -94,8 +86,6 @@ Value Stripper2::validFactoryVariants() {
         Log("XXX ERROR: BuildManifest.plist cannot be read.");
         return Value::array();
     }
-    bool stripAP = option("stripAPFirmware");
-    bool keepDev = option("keepDevFirmware");
     Value requested = stripInfo_.get("products");
     std::set<std::string> valid;
     for (const auto& variant : knownFactoryVariants()) {
@@ -105,11 +95,7 @@ Value Stripper2::validFactoryVariants() {
             if (infoText(identity, "Variant") != personalization.text()) continue;
             std::string deviceClass = infoText(identity, "DeviceClass");
             for (const auto& product : requested.elements()) {
-                std::string name = product.description();
-                if ((!stripAP && equalsIgnoringCase(deviceClass, name + "ap")) ||
-                    (keepDev && equalsIgnoringCase(deviceClass, name + "dev"))) {
-                    valid.insert(variant);
-                }
+                if (deviceClassesOf(product.description(), stripOptions_).includes(deviceClass)) valid.insert(variant);
             }
         }
     }
@@ -117,33 +103,6 @@ Value Stripper2::validFactoryVariants() {
 }
 
 // ---- request analysis ----
-
-namespace {
-
-// A catalogue value for a list key: a single value becomes a one-element array.
-Value asList(const Value& value) {
-    if (value.isNone() || value.isArray()) return value;
-    return Value::array({value});
-}
-
-void setIfPresent(Value& item, const char* key, const Value& value) {
-    if (!value.isNone()) item.set(key, value);
-}
-
-Value copyWith(const Value& base, std::initializer_list<std::pair<const char*, Value>> entries) {
-    Value item = Value::dictionary(*base.asDictionary());
-    for (const auto& [key, value] : entries) item.set(key, value);
-    return item;
-}
-
-bool holdsString(const Value& list, std::string_view text) {
-    for (const auto& element : list.elements()) {
-        if (element.isString() && element.text() == text) return true;
-    }
-    return false;
-}
-
-}  // namespace
 
 Value Stripper2::factoryVariantsForDeviceClasses(const Value& deviceClasses, const Value& buildManifest) const {
     Value variants = Value::array();
@@ -167,8 +126,6 @@ int Stripper2::preanalyzeRequest() {
     const Catalogue& table = catalogue();
     Value products = stripInfo_.get("products");
     Value variants = stripInfo_.get("FactoryVariants");
-    bool stripAP = option("stripAPFirmware");
-    bool keepDev = option("keepDevFirmware");
     Value deviceClassSet = Value::setOf();
     Value productSet = Value::setOf();
     Value personalizationSet = Value::setOf();
@@ -188,8 +145,9 @@ int Stripper2::preanalyzeRequest() {
 
     for (const auto& product : products.elements()) {
         std::string name = product.description();
-        std::string production = stripAP ? std::string() : lowercased(name + "ap");
-        std::string development = keepDev ? lowercased(name + "dev") : std::string();
+        DeviceClassNames classes = deviceClassesOf(name, stripOptions_);
+        std::string production = lowercased(classes.production);
+        std::string development = lowercased(classes.development);
         Value classList = Value::stringArray({production, development});
         for (const auto& deviceClass : {production, development}) {
             if (deviceClass.empty()) continue;
@@ -244,53 +202,17 @@ int Stripper2::preanalyzeRequest() {
     closing.set("workProductList", Value::array(*productSet.asSetMembers()));
     closing.set("workPersonalizationVariantList", Value::array(*personalizationSet.asSetMembers()));
     // The cookie comes after the modified-files merge, so it never reaches the result.
-    const std::pair<const char*, const char*> closingSteps[] = {
-        {"stripCommonWork:", "Strip support files"},
-        {"mergeStrippedManifests:", "Merging stripped manifests"},
-        {"mergeModifiedFiles:", "Merging modified files"},
-        {"stripInvisibles:", "Strip invisibles"},
-        {"leaveCookie:", "Leaving cookie for Santa"},
+    static const ClosingStep closingSteps[] = {
+        kSupportFilesStep,
+        {"Merging stripped manifests", "mergeStrippedManifests:"},
+        {"Merging modified files", "mergeModifiedFiles:"},
     };
-    for (const auto& [selector, name] : closingSteps) {
-        workList_.append(copyWith(closing, {{"workSelector", Value::string(selector)}, {"workName", Value::string(name)}}));
-    }
-
-    Log(">>> Work List");
-    LogObject::sharedLogger().PrettyPrint(workList_);
+    appendClosingSteps(workList_, closing, closingSteps);
+    logWorkList(workList_);
     return 0;
 }
 
 // ---- running the work list ----
-
-Stripper2::WorkOperation Stripper2::operationNamed(std::string_view selector) {
-    static const std::map<std::string_view, WorkOperation> operations = {
-        {"stripRestoreUsingTessera:", &Stripper2::stripRestoreUsingTessera},
-        {"stripRestorePlistUsingTessera:", &Stripper2::stripRestorePlistUsingTessera},
-        {"stripRestoreWithoutTessera:", &Stripper2::stripRestoreWithoutTessera},
-        {"stripBuildManifestWithoutTessera:", &Stripper2::stripBuildManifestWithoutTessera},
-        {"stripCommonWork:", &Stripper2::stripCommonWork},
-        {"mergeStrippedManifests:", &Stripper2::mergeStrippedManifests},
-        {"mergeModifiedFiles:", &Stripper2::mergeModifiedFiles},
-        {"stripInvisibles:", &Stripper2::stripInvisibles},
-        {"leaveCookie:", &Stripper2::leaveCookie},
-        {"stripRestoreFirmwareDeviceMapDotTxt:", &Stripper2::stripRestoreFirmwareDeviceMapDotTxt},
-        {"stripRestoreFirmwareDeviceMapDotPlist:", &Stripper2::stripRestoreFirmwareDeviceMapDotPlist},
-        {"stripRestoreFirmwareTargetMapDotTxt:", &Stripper2::stripRestoreFirmwareTargetMapDotTxt},
-        {"stripRestoreFirmwarePlatformKeysDotPlist:", &Stripper2::stripRestoreFirmwarePlatformKeysDotPlist},
-        {"stripFWPKs:", &Stripper2::stripFWPKs},
-        {"stripDebugFolder:", &Stripper2::stripDebugFolder},
-        {"stripUnencryptedImages:", &Stripper2::stripUnencryptedImages},
-        {"stripHomeDiags:", &Stripper2::stripHomeDiags},
-        {"stripSDKs:", &Stripper2::stripSDKs},
-        {"stripBundleImages:", &Stripper2::stripBundleImages},
-        {"stripBogusRestoreImagesInRootDirectory:", &Stripper2::stripBogusRestoreImagesInRootDirectory},
-        {"stripRestoreTools:", &Stripper2::stripRestoreTools},
-    };
-    auto found = operations.find(selector);
-    return found == operations.end() ? nullptr : found->second;
-}
-
-int Stripper2::performWork(const Value&) { return runWorkList(*this, workList_); }
 
 int Stripper2::stripCommonWork(const Value& item) {
     static const char* const passes[] = {
@@ -299,25 +221,16 @@ int Stripper2::stripCommonWork(const Value& item) {
         "stripFWPKs:", "stripDebugFolder:", "stripUnencryptedImages:", "stripHomeDiags:", "stripSDKs:",
         "stripBundleImages:", "stripBogusRestoreImagesInRootDirectory:", "stripRestoreTools:",
     };
-    int result = 0;
-    for (const char* pass : passes) {
-        Value copy = Value::dictionary(*item.asDictionary());
-        result = (this->*operationNamed(pass))(copy);
-        if (result != 0) return result;
-    }
-    return result;
-}
-
-int Stripper2::leaveCookie(const Value&) {
-    if (option("noCookie")) return 0;
-    Log("+++ Oreo's left.  No milk.");
-    Value cookie = Value::dictionary();
-    cookie.set("WhittleCookie.plist", makeCookie(bundleRoot_, stripOptions_));
-    modifiedFilesList_.append(cookie);
-    return 0;
+    return runSteps(passes, item);
 }
 
 // ---- utilities ----
+
+void Stripper2::recordModifiedFile(const std::string& path, const Value& content) {
+    Value files = Value::dictionary();
+    files.set(path, content);
+    modifiedFilesList_.append(files);
+}
 
 Value Stripper2::mutableDictionaryAtSubpath(const std::string& path) const {
     if (!files_->exists(path)) {

@@ -13,17 +13,15 @@
 #include "engine/BundleFiles.hpp"
 #include "engine/FolderBundleFiles.hpp"
 #include "engine/Catalogue.hpp"
-#include "engine/Stripper.hpp"
+#include "engine/FirmwareMapFilters.hpp"
+#include "engine/StripEngine.hpp"
+#include "engine/SupportFiles.hpp"
 #include "support/Value.hpp"
 
 namespace whittle {
 
-class Stripper2 : public Stripper {
+class Stripper2 : public StripEngine<Stripper2> {
 public:
-    // The operation a work item's "workSelector" names, or nullptr.
-    using WorkOperation = int (Stripper2::*)(const Value&);
-    static WorkOperation operationNamed(std::string_view selector);
-
     Stripper2(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
               const Value& options);
     // An engine over the bundle folder at `bundleRoot`.
@@ -35,8 +33,6 @@ public:
                                                        const Value& factoryVariants, const Value& options);
     // This engine's own catalogue; it holds the same rows as the default engine's.
     static const Catalogue& catalogue();
-    static std::vector<std::string> knownProducts();
-    static std::vector<std::string> knownFactoryVariants();
 
     int strip() override;
     Value validProducts() override;
@@ -48,7 +44,6 @@ public:
 
     // ---- request analysis and the work list ----
     int preanalyzeRequest();
-    int performWork(const Value& unused);
     Value factoryVariantsForDeviceClasses(const Value& deviceClasses, const Value& buildManifest) const;
     bool checkPersonalized() const;
     bool checkUnpersonalized() const;
@@ -61,16 +56,12 @@ public:
 
     // ---- support files ----
     int stripCommonWork(const Value& item);
-    int stripRestoreFirmwareDeviceMapDotTxt(const Value& item);
-    int stripRestoreFirmwareDeviceMapDotPlist(const Value& item);
-    int stripRestoreFirmwareTargetMapDotTxt(const Value& item);
-    int stripRestoreFirmwarePlatformKeysDotPlist(const Value& item);
+    int stripFirmwareMap(const Value& item, FirmwareMap map);
+    // A folder without an option is always scrubbed.
+    int keepOptionalFolder(const OptionalFolder& folder);
+    int keepOptionalLinkedImage(const OptionalLinkedImage& image);
     int stripFWPKs(const Value& item);
-    int stripDebugFolder(const Value& item);
     int stripUnencryptedImages(const Value& item);
-    int stripHomeDiags(const Value& item);
-    int stripSDKs(const Value& item);
-    int stripBundleImages(const Value& item);
     int stripBogusRestoreImagesInRootDirectory(const Value& item);
     int stripRestoreTools(const Value& item);
 
@@ -78,7 +69,10 @@ public:
     int mergeStrippedManifests(const Value& item);
     int mergeModifiedFiles(const Value& item);
     int stripInvisibles(const Value& item);
-    int leaveCookie(const Value& item);
+    // Hands on kept paths as a partial result of their own.
+    void keepPaths(const std::vector<std::string>& paths);
+    // Hands on the new content of a bundle-relative path as a partial result of its own.
+    void recordModifiedFile(const std::string& path, const Value& content);
 
     // ---- utilities ----
     // The property list at a bundle-relative path, parsed afresh on every call; none
@@ -108,12 +102,6 @@ public:
 private:
 
     bool option(std::string_view key) const;
-    void appendKeptPaths(const std::vector<std::string>& paths);
-    int keepListingWhenAsked(std::string_view optionKey, const std::string& folder, const char* foundMessage,
-                             const char* scrubMessage);
-    int keepLinkedImageWhenAsked(std::string_view optionKey, const std::string& linkName, const char* foundMessage,
-                                 bool messageNamesTarget, const char* scrubMessage);
-    int stripFirmwareTextMap(const Value& item, bool isDeviceMap);
     // Part of Restore.plist cut down to one item's product, processor, models, kernel-cache
     // kinds and system image type; none when it cannot be read. `report` says whether the
     // findings are logged.

@@ -17,6 +17,7 @@
 // A bundle without a build manifest gives this item nothing to do.
 #include <set>
 
+#include "engine/RequestRules.hpp"
 #include "legacy/Stripper2Internals.hpp"
 #include "support/Helpers.hpp"
 
@@ -75,10 +76,10 @@ int Stripper2::stripRestoreWithoutTessera(const Value& item) {
     Value restorePlist = restorePlistCutFor(item, true);
     if (!restorePlist.isNone()) {
         // The cut has already warned about the kernel caches and RAM disks the bundle lacks.
-        for (const auto& file : filesNamedBy(restorePlist)) addSubpathToKeepList("Restore/" + file, keepList);
+        for (const auto& file : filesNamedBy(restorePlist)) addSubpathToKeepList(inRestoreFolder(file), keepList);
         if (restorePlist.count() > 0) files.set(kRestorePlist, restorePlist);
     }
-    appendKeptPaths(keepList);
+    keepPaths(keepList);
     if (files.count() > 0) modifiedFilesList_.append(files);
     return 0;
 }
@@ -88,8 +89,7 @@ int Stripper2::stripBuildManifestWithoutTessera(const Value& item) {
     if (buildManifest.isNone()) return 0;
     Value restorePlist = restorePlistCutFor(item, false);
     std::set<std::string> selection = restorePlist.isNone() ? std::set<std::string>() : filesNamedBy(restorePlist);
-    std::string variant = item.get("workVariant").description();
-    bool installsOS = !catalogue().factoryVariantValue(variant + ".PersonalizationOSImageTypes").text().empty();
+    bool installsOS = installsOperatingSystem(item.get("workVariant").description());
 
     Value served = Value::array();
     Value candidates = identitiesFor(buildManifest, item);
