@@ -164,7 +164,7 @@ void Run::reportMissingRestoreFolder() {
     struct stat info {};
     if (::stat(source.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return;
     auto files = sourceFiles();
-    if (!files->isFolder("Restore") && !files->linkTarget("Restore")) {
+    if (files && !files->isFolder("Restore") && !files->linkTarget("Restore")) {
         Log("XXX ERROR: source \"%@\" has no \"Restore\" folder.", source);
     }
 }
@@ -216,8 +216,11 @@ std::shared_ptr<const BundleFiles> Run::sourceFiles() {
     return sourceFiles_;
 }
 
+// No engine is made for a bundle that could not be opened.
 std::unique_ptr<Stripper> Run::createEngine() {
-    return stripperClass().stripperForBundle(sourceFiles(), request_.products, request_.factoryVariants,
+    auto files = sourceFiles();
+    if (!files) return nullptr;
+    return stripperClass().stripperForBundle(std::move(files), request_.products, request_.factoryVariants,
                                              request_.stripOptions);
 }
 
