@@ -349,7 +349,8 @@ TEST_F(RunDriverTest, AttachOutputWithoutAMountPointEndsTheRunWithStatusZero) {
     tools.answer(kDiskImageTool, "attach", toolResult(0, xmlPropertyList(answer)));
     auto outcome = run(withRequest({image()}));
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.log, lines({">>> mounting disk image \"" + image() + "\".", "XXX ERROR: no mount points detected."}));
+    EXPECT_EQ(outcome.log,
+              lines({">>> mounting disk image \"" + image() + "\".", "XXX ERROR: no mount points detected."}));
     EXPECT_EQ(tools.calls().size(), 1u);  // no device entry kept, so nothing to eject
     expectSavedLog(outcome);
 }
@@ -376,9 +377,10 @@ TEST_F(RunDriverTest, ImageMountedBeforeTheRunIsUsedInPlaceAndNotEjected) {
     scriptAttachAt(mountPoint);
     auto outcome = run(withRequest({image()}));
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.log, lines({">>> mounting disk image \"" + image() + "\".",
-                                  "!!! NOTE: image previously mounted at: " + mountPoint + ".", ">>> analyzing bundle."}) +
-                               engineLog() + "Validation PASSED.\n");
+    EXPECT_EQ(outcome.log,
+              lines({">>> mounting disk image \"" + image() + "\".",
+                     "!!! NOTE: image previously mounted at: " + mountPoint + ".", ">>> analyzing bundle."}) +
+                  engineLog() + "Validation PASSED.\n");
     EXPECT_EQ(tools.callLines(), std::vector<std::string>{"whittle-diskimage attach " + image() + " -plist"});
     expectSavedLog(outcome);
 }
@@ -428,7 +430,8 @@ TEST_F(RunDriverTest, ValidProductsAreReportedAsAPropertyList) {
     EXPECT_EQ(outcome.status, 0);
     Value report = Value::dictionary();
     report.set("validProducts", Value::stringArray({"x10"}));
-    EXPECT_EQ(outcome.out, lines({"!!! NOTE: image mounted at: " + volumes() + "/Bundle."}) + xmlPropertyList(report) + "\n");
+    EXPECT_EQ(outcome.out,
+              lines({"!!! NOTE: image mounted at: " + volumes() + "/Bundle."}) + xmlPropertyList(report) + "\n");
     // Attached with verification: only the variants report skips it.
     EXPECT_EQ(tools.callLines().front(), "whittle-diskimage attach " + image() + " -plist");
     EXPECT_EQ(tools.callLines().back(), "whittle-diskimage eject /dev/disk9");
@@ -440,8 +443,8 @@ TEST_F(RunDriverTest, ReportsFailWhenTheBundleOffersNoProducts) {
     for (const char* mode : {"--validProducts", "--validVariants"}) {
         auto outcome = run({source(), mode});
         EXPECT_EQ(outcome.status, 2) << mode;
-        EXPECT_EQ(outcome.log, lines({"XXX ERROR: BuildManifest.plist cannot be read.", "XXX ERROR: cannot get valid products.",
-                                      "XXX ERROR: log file in " + logPath()}))
+        EXPECT_EQ(outcome.log, lines({"XXX ERROR: BuildManifest.plist cannot be read.",
+                                      "XXX ERROR: cannot get valid products.", "XXX ERROR: log file in " + logPath()}))
             << mode;
         EXPECT_EQ(outcome.out, outcome.log) << mode;
         expectSavedLog(outcome);
@@ -503,8 +506,8 @@ TEST_F(RunDriverTest, KeptPathMissingFromTheBundleIsWarnedAboutBeforeTheVerdict)
     bundle.files.erase("Restore/kernelcache.release.x10");
     auto outcome = run(withRequest({source()}));
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_TRUE(outcome.log.ends_with(
-        lines({"!!! WARNING: kept path \"Restore/kernelcache.release.x10\" is not in the bundle.", "Validation PASSED."})))
+    EXPECT_TRUE(outcome.log.ends_with(lines(
+        {"!!! WARNING: kept path \"Restore/kernelcache.release.x10\" is not in the bundle.", "Validation PASSED."})))
         << outcome.log;
 }
 
@@ -532,6 +535,23 @@ TEST_F(RunDriverTest, TestPassReportsOnStandardErrorOnly) {
     EXPECT_TRUE(outcome.err.find("] test: validProducts ") != std::string::npos) << outcome.err;
     EXPECT_TRUE(outcome.err.find("] test: strip returned 0\n") != std::string::npos) << outcome.err;
     EXPECT_EQ(openedRoots.size(), 1u);  // both engines read the one bundle
+}
+
+TEST_F(RunDriverTest, SwitchesOfOneCommandLineDoNotCarryOverToTheNext) {
+    auto verbose = run(withRequest({source(), dir / "first.bom"}, {"--legacy", "--verbose"}));
+    EXPECT_EQ(verbose.status, 0) << verbose.log;
+    EXPECT_TRUE(verbose.out.find(">>> analyzing bundle.\n") != std::string::npos);
+    ASSERT_EQ(tools.calls().size(), 1u);
+    EXPECT_TRUE(tools.calls()[0].echoOutput);
+    EXPECT_EQ(useLegacyStripper, 1);
+
+    auto quiet = run(withRequest({source(), dir / "second.bom"}));
+    EXPECT_EQ(quiet.status, 0) << quiet.log;
+    EXPECT_EQ(quiet.out, "");  // plain lines are printed in verbose mode only
+    ASSERT_EQ(tools.calls().size(), 2u);
+    EXPECT_FALSE(tools.calls()[1].echoOutput);
+    EXPECT_EQ(useLegacyStripper, 0);
+    EXPECT_EQ(verboseMode, 0);
 }
 
 // ---- the targets ----
@@ -687,13 +707,14 @@ TEST_F(RunDriverTest, ZipUpdateFailureSendsTheArchiveAndTheTemporaryFolderToTheT
     tools.answer(kZipTool, toolResult(15, "", "zip I/O error: Broken pipe\nzip error: Output file write failure\n"));
     auto outcome = run(withRequest({source(), target}));
     EXPECT_EQ(outcome.status, 15);
-    EXPECT_EQ(outcome.log, ">>> analyzing bundle.\n" + engineLog() +
-                               lines({">>> writeFileListToTempFile.", ">>> creating ZIP archive \"out.zip\".",
-                                      ">>> updating files in ZIP archive \"out.zip\"."}) +
-                               updateLines() +
-                               lines({"XXX ERROR: unable to update files in ZIP archive.",
-                                      "!!! NOTE: zip I/O error: Broken pipe", "!!! NOTE: zip error: Output file write failure",
-                                      ">>> cleaning up...", "XXX ERROR: log file in " + logPath()}));
+    EXPECT_EQ(outcome.log,
+              ">>> analyzing bundle.\n" + engineLog() +
+                  lines({">>> writeFileListToTempFile.", ">>> creating ZIP archive \"out.zip\".",
+                         ">>> updating files in ZIP archive \"out.zip\"."}) +
+                  updateLines() +
+                  lines({"XXX ERROR: unable to update files in ZIP archive.", "!!! NOTE: zip I/O error: Broken pipe",
+                         "!!! NOTE: zip error: Output file write failure", ">>> cleaning up...",
+                         "XXX ERROR: log file in " + logPath()}));
     EXPECT_EQ(trashAsked, (std::vector<std::string>{temporaryFolder(target), staged(target)}));
     EXPECT_TRUE(readFile(trash() + "/" + lastPathComponent(staged(target))).starts_with("archive of:\n"));
     EXPECT_EQ(tools.callsOf(kOpensslTool).size(), 0u);
@@ -705,12 +726,13 @@ TEST_F(RunDriverTest, EncryptedDiskImageTargetIsMadeFromTheUpdatedCopy) {
     std::string target = dir / "out.dmg";
     auto outcome = run(withRequest({source(), target}, {"--encrypt"}));
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.log, ">>> analyzing bundle.\n" + engineLog() +
-                               lines({">>> copying bundle to temporary folder \"out\".", ">>> writeFileListToTempFile.",
-                                      ">>> updating files in temporary folder \"out\"."}) +
-                               updateLines() +
-                               lines({">>> creating disk image \"out.dmg\".", ">>> checksumming disk image \"out.dmg\".",
-                                      "checksum CRC32 $0BADF00D", ">>> cleaning up..."}));
+    EXPECT_EQ(outcome.log,
+              ">>> analyzing bundle.\n" + engineLog() +
+                  lines({">>> copying bundle to temporary folder \"out\".", ">>> writeFileListToTempFile.",
+                         ">>> updating files in temporary folder \"out\"."}) +
+                  updateLines() +
+                  lines({">>> creating disk image \"out.dmg\".", ">>> checksumming disk image \"out.dmg\".",
+                         "checksum CRC32 $0BADF00D", ">>> cleaning up..."}));
     std::string bundleFolder = temporaryFolder(target) + "/out";
     auto images = tools.callsOf(kDiskImageTool);
     ASSERT_EQ(images.size(), 2u);
@@ -748,8 +770,9 @@ TEST_F(RunDriverTest, ExistingTargetStaysAndTheRunFailsWithoutOverwrite) {
     writeFile(dir / "out.zip", "theirs");
     auto outcome = run(withRequest({source(), dir / "out.zip"}));
     EXPECT_EQ(outcome.status, 17);
-    EXPECT_EQ(outcome.log, ">>> analyzing bundle.\n" + engineLog() +
-                               lines({"XXX ERROR: target \"out.zip\" already exists.", "XXX ERROR: log file in " + logPath()}));
+    EXPECT_EQ(outcome.log,
+              ">>> analyzing bundle.\n" + engineLog() +
+                  lines({"XXX ERROR: target \"out.zip\" already exists.", "XXX ERROR: log file in " + logPath()}));
     EXPECT_EQ(readFile(dir / "out.zip"), "theirs");
     EXPECT_TRUE(tools.calls().empty());
     EXPECT_TRUE(trashAsked.empty());
@@ -813,9 +836,10 @@ TEST_F(RunDriverTest, StopSignalDuringTheCopyCleansUpEjectsAndEndsWithItsStatus)
     });
     auto outcome = run(withRequest({image(), target}));
     EXPECT_EQ(outcome.status, 128 + SIGTERM);
-    EXPECT_TRUE(outcome.log.ends_with(lines({">>> writeFileListToTempFile.", "XXX ERROR: copying manifest to target failed.",
-                                             "XXX ERROR: interrupted by signal 15.", ">>> cleaning up...",
-                                             ">>> unmounting disk image.", "XXX ERROR: log file in " + logPath()})))
+    EXPECT_TRUE(
+        outcome.log.ends_with(lines({">>> writeFileListToTempFile.", "XXX ERROR: copying manifest to target failed.",
+                                     "XXX ERROR: interrupted by signal 15.", ">>> cleaning up...",
+                                     ">>> unmounting disk image.", "XXX ERROR: log file in " + logPath()})))
         << outcome.log;
     EXPECT_EQ(trashAsked, std::vector<std::string>{staged(target)});
     EXPECT_EQ(tools.callLines().back(), "whittle-diskimage eject /dev/disk9");
