@@ -218,6 +218,13 @@ int checkRequest(const RunRequest& request) {
     return 0;
 }
 
+// "--legacy" and "--verbose" hold only for the command line that gives them.
+void resetSwitches() {
+    useLegacyStripper = 0;
+    verboseMode = 0;
+    LogObject::sharedLogger().setVerbose(false);
+}
+
 }  // namespace
 
 Value initialStripOptions() {
@@ -231,6 +238,7 @@ Value initialStripOptions() {
 }
 
 ParseOutcome parseCommandLine(const std::vector<std::string>& arguments, RunRequest& request) {
+    resetSwitches();
     std::string programName = arguments.empty() ? std::string("whittle") : lastPathComponent(arguments[0]);
     if (arguments.size() <= 1) {
         writeToStandardOutput(usageText(programName));

@@ -34,4 +34,9 @@ int stopSignal() { return receivedSignal; }
 
 void allowToolsForCleanUp() { allowTools(); }
 
+void forgetStopSignal() {
+    receivedSignal = 0;
+    allowTools();
+}
+
 }  // namespace whittle

@@ -15,4 +15,8 @@ inline bool interrupted() { return stopSignal() != 0; }
 // Lets tools run again after an interruption, for the clean-up steps.
 void allowToolsForCleanUp();
 
+// Forgets the stop signal received and lets tools run again, so that a process that
+// runs one request after another (a test program) starts each one uninterrupted.
+void forgetStopSignal();
+
 }  // namespace whittle

@@ -171,7 +171,7 @@ void Run::reportMissingRestoreFolder() {
     bool isFolder = ::stat(source.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
     if (!isFolder && !sourceArchive()) return;
     auto files = sourceFiles();
-    if (!files->isFolder("Restore") && !files->linkTarget("Restore")) {
+    if (files && !files->isFolder("Restore") && !files->linkTarget("Restore")) {
         Log("XXX ERROR: source \"%@\" has no \"Restore\" folder.", source);
     }
 }
@@ -228,8 +228,11 @@ const ZipBundleFiles* Run::sourceArchive() {
     return dynamic_cast<const ZipBundleFiles*>(sourceFiles().get());
 }
 
+// No engine is made for a bundle that could not be opened.
 std::unique_ptr<Stripper> Run::createEngine() {
-    return stripperClass().stripperForBundle(sourceFiles(), request_.products, request_.factoryVariants,
+    auto files = sourceFiles();
+    if (!files) return nullptr;
+    return stripperClass().stripperForBundle(std::move(files), request_.products, request_.factoryVariants,
                                              request_.stripOptions);
 }
 

@@ -19,6 +19,7 @@ inline constexpr const char* kLogFilePath = "/tmp/Whittle.log";
 struct RunServices {
     ToolRunner& toolRunner;
     ToolPaths toolPaths;
+    // Answers none for a bundle that cannot be opened; the run then makes no engine.
     std::function<std::shared_ptr<const BundleFiles>(const std::string& root)> openBundle;
     // Answers false with the reason in the second argument when the item stays.
     std::function<bool(const std::string& path, std::string& error)> moveToTrash;
