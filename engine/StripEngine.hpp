@@ -14,6 +14,7 @@
 #include "engine/Catalogue.hpp"
 #include "engine/Cookie.hpp"
 #include "engine/FirmwareMapFilters.hpp"
+#include "engine/FolderBundleFiles.hpp"
 #include "engine/Stripper.hpp"
 #include "engine/SupportFiles.hpp"
 #include "engine/WorkList.hpp"
@@ -78,6 +79,16 @@ public:
         static const OperationTable<Engine> operations = operationTable<Engine>();
         auto found = operations.find(selector);
         return found == operations.end() ? nullptr : found->second;
+    }
+
+    // An engine over the bundle folder at `bundleRoot`, or over the bundle `files` reads.
+    static std::unique_ptr<Stripper> stripperForPath(const std::string& bundleRoot, const Value& products,
+                                                     const Value& factoryVariants, const Value& options) {
+        return stripperForBundle(std::make_shared<FolderBundleFiles>(bundleRoot), products, factoryVariants, options);
+    }
+    static std::unique_ptr<Stripper> stripperForBundle(std::shared_ptr<const BundleFiles> files, const Value& products,
+                                                       const Value& factoryVariants, const Value& options) {
+        return std::make_unique<Engine>(std::move(files), products, factoryVariants, options);
     }
 
     static std::vector<std::string> knownProducts() { return Catalogue::builtIn().knownProducts(); }

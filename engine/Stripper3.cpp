@@ -14,39 +14,22 @@
 
 namespace whittle {
 
-Stripper3::Stripper3(std::string bundleRoot, const Value& products, const Value& factoryVariants,
-                     const Value& options)
-    : Stripper3(std::make_shared<FolderBundleFiles>(std::move(bundleRoot)), products, factoryVariants, options) {}
-
 Stripper3::Stripper3(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
                      const Value& options)
     : bundleRoot_(files->root()),
       files_(std::move(files)),
       stripInfo_(Value::dictionary()),
-      stripOptions_(Value::dictionary()),
+      stripOptions_(options.isDictionary() ? options.deepCopy() : Value::dictionary()),
       buildManifest_(pathInBundle(kBuildManifest), [this] { return files_->readFile(kBuildManifest); }),
       restorePlist_(pathInBundle(kRestorePlist), [this] { return files_->readFile(kRestorePlist); }) {
     stripInfo_.set("BundleRoot", Value::string(bundleRoot_));
     if (products.isArray()) stripInfo_.set("Products", products.deepCopy());
     if (factoryVariants.isArray()) stripInfo_.set("FactoryVariants", factoryVariants.deepCopy());
-    if (const auto* entries = options.asDictionary()) {
-        for (const auto& [key, value] : *entries) stripOptions_.set(key, value.deepCopy());
-    }
     manifestObservation_ = buildManifest_.addObserver(
         [this](std::string_view keyPath, const Value& newValue) { observeValueForKeyPath(keyPath, newValue); });
 }
 
 Stripper3::~Stripper3() { buildManifest_.removeObserver(manifestObservation_); }
-
-std::unique_ptr<Stripper> Stripper3::stripperForPath(const std::string& bundleRoot, const Value& products,
-                                                     const Value& factoryVariants, const Value& options) {
-    return std::make_unique<Stripper3>(bundleRoot, products, factoryVariants, options);
-}
-
-std::unique_ptr<Stripper> Stripper3::stripperForBundle(std::shared_ptr<const BundleFiles> files, const Value& products,
-                                                       const Value& factoryVariants, const Value& options) {
-    return std::make_unique<Stripper3>(std::move(files), products, factoryVariants, options);
-}
 
 int Stripper3::strip() {
     if (!loadBuildManifest()) return 1;

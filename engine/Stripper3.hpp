@@ -15,7 +15,6 @@
 #include "engine/FirmwareMapFilters.hpp"
 #include "engine/StripEngine.hpp"
 #include "engine/BundleFiles.hpp"
-#include "engine/FolderBundleFiles.hpp"
 #include "engine/SupportFiles.hpp"
 #include "support/PropertyList.hpp"
 #include "support/Value.hpp"
@@ -28,14 +27,8 @@ class Stripper3 : public StripEngine<Stripper3> {
 public:
     Stripper3(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
               const Value& options);
-    // An engine over the bundle folder at `bundleRoot`.
-    Stripper3(std::string bundleRoot, const Value& products, const Value& factoryVariants, const Value& options);
     ~Stripper3() override;
 
-    static std::unique_ptr<Stripper> stripperForPath(const std::string& bundleRoot, const Value& products,
-                                                     const Value& factoryVariants, const Value& options);
-    static std::unique_ptr<Stripper> stripperForBundle(std::shared_ptr<const BundleFiles> files, const Value& products,
-                                                       const Value& factoryVariants, const Value& options);
 
     int strip() override;
     Value validProducts() override;

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "engine/BundleFiles.hpp"
-#include "engine/FolderBundleFiles.hpp"
 #include "engine/Catalogue.hpp"
 #include "engine/FirmwareMapFilters.hpp"
 #include "engine/StripEngine.hpp"
@@ -24,13 +23,7 @@ class Stripper2 : public StripEngine<Stripper2> {
 public:
     Stripper2(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
               const Value& options);
-    // An engine over the bundle folder at `bundleRoot`.
-    Stripper2(std::string bundleRoot, const Value& products, const Value& factoryVariants, const Value& options);
 
-    static std::unique_ptr<Stripper> stripperForPath(const std::string& bundleRoot, const Value& products,
-                                                     const Value& factoryVariants, const Value& options);
-    static std::unique_ptr<Stripper> stripperForBundle(std::shared_ptr<const BundleFiles> files, const Value& products,
-                                                       const Value& factoryVariants, const Value& options);
     // This engine's own catalogue; it holds the same rows as the default engine's.
     static const Catalogue& catalogue();
 

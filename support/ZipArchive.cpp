@@ -11,52 +11,20 @@
 
 #include "support/Format.hpp"
 #include "support/LogObject.hpp"
+#include "support/ZipFormat.hpp"
 
 namespace whittle {
 
 namespace {
 
-constexpr std::uint32_t kEndSignature = 0x06054b50;
-constexpr std::uint32_t kZip64EndSignature = 0x06064b50;
-constexpr std::uint32_t kZip64LocatorSignature = 0x07064b50;
-constexpr std::uint32_t kCentralSignature = 0x02014b50;
-constexpr std::uint32_t kLocalSignature = 0x04034b50;
+using namespace whittle::zip;
 
-constexpr std::size_t kEndSize = 22;
-constexpr std::size_t kZip64LocatorSize = 20;
-constexpr std::size_t kZip64EndSize = 56;
-constexpr std::size_t kCentralSize = 46;
-constexpr std::size_t kLocalSize = 30;
 constexpr std::size_t kMaxCommentLength = 0xffff;
-
-constexpr std::uint16_t kZip64ExtraId = 0x0001;
-constexpr std::uint16_t kNtfsExtraId = 0x000a;
-constexpr std::uint16_t kTimestampExtraId = 0x5455;
-
-constexpr std::uint16_t kFlagEncrypted = 1 << 0;
-constexpr std::uint16_t kFlagDataDescriptor = 1 << 3;
-constexpr std::uint8_t kHostUnix = 3;
-
-constexpr std::uint16_t kMax16 = 0xffff;
-constexpr std::uint32_t kMax32 = 0xffffffff;
 
 // Small entries come with their header in a single read.
 constexpr std::uint64_t kPrefetchedDataLimit = 64 << 10;
 constexpr std::size_t kLocalExtraAllowance = 64;
 constexpr std::size_t kInflateOutputPiece = 64 << 10;
-
-std::uint16_t le16(std::string_view bytes, std::size_t at) {
-    return static_cast<std::uint16_t>(static_cast<unsigned char>(bytes[at]) |
-                                      static_cast<unsigned char>(bytes[at + 1]) << 8);
-}
-
-std::uint32_t le32(std::string_view bytes, std::size_t at) {
-    return static_cast<std::uint32_t>(le16(bytes, at)) | static_cast<std::uint32_t>(le16(bytes, at + 2)) << 16;
-}
-
-std::uint64_t le64(std::string_view bytes, std::size_t at) {
-    return static_cast<std::uint64_t>(le32(bytes, at)) | static_cast<std::uint64_t>(le32(bytes, at + 4)) << 32;
-}
 
 // A name fit for a message: control bytes (a NUL among them) shown as "?".
 std::string printable(std::string_view name) {
@@ -91,8 +59,8 @@ std::string nameProblem(std::string_view name) {
 std::string_view extraField(std::string_view extra, std::uint16_t wanted) {
     std::size_t at = 0;
     while (at + 4 <= extra.size()) {
-        std::uint16_t id = le16(extra, at);
-        std::size_t length = le16(extra, at + 2);
+        std::uint16_t id = little16(extra, at);
+        std::size_t length = little16(extra, at + 2);
         // A field running past the block ends it: some writers pad with stray bytes.
         if (at + 4 + length > extra.size()) break;
         if (id == wanted) return extra.substr(at + 4, length);
@@ -123,19 +91,19 @@ std::optional<struct timespec> extraTime(std::string_view extra) {
     std::string_view stamp = extraField(extra, kTimestampExtraId);
     if (stamp.size() >= 5 && (stamp[0] & 1)) {
         struct timespec result {};
-        result.tv_sec = static_cast<std::int32_t>(le32(stamp, 1));
+        result.tv_sec = static_cast<std::int32_t>(little32(stamp, 1));
         return result;
     }
     std::string_view ntfs = extraField(extra, kNtfsExtraId);
     // Four reserved bytes, then tagged attributes; tag 1 holds three 8-byte times.
     for (std::size_t at = 4; at + 4 <= ntfs.size();) {
-        std::uint16_t tag = le16(ntfs, at);
-        std::size_t length = le16(ntfs, at + 2);
+        std::uint16_t tag = little16(ntfs, at);
+        std::size_t length = little16(ntfs, at + 2);
         if (at + 4 + length > ntfs.size()) break;
         if (tag == 1 && length >= 8) {
             constexpr std::uint64_t kTicksPerSecond = 10'000'000;
             constexpr std::uint64_t kTicksTo1970 = 116'444'736'000'000'000;
-            std::uint64_t ticks = le64(ntfs, at + 4);
+            std::uint64_t ticks = little64(ntfs, at + 4);
             if (ticks < kTicksTo1970) break;
             struct timespec result {};
             result.tv_sec = static_cast<std::time_t>((ticks - kTicksTo1970) / kTicksPerSecond);
@@ -160,7 +128,7 @@ bool readZip64Values(std::string_view extra, std::initializer_list<Zip64Values> 
     for (const auto& value : values) {
         if (!value.wanted) continue;
         if (at + value.width > field.size()) return false;
-        *value.value = value.width == 8 ? le64(field, at) : le32(field, at);
+        *value.value = value.width == 8 ? little64(field, at) : little32(field, at);
         at += value.width;
     }
     return true;
@@ -214,7 +182,7 @@ private:
         std::size_t at = tail.size() - kEndSize + 1;
         bool found = false;
         while (at-- > 0) {
-            if (le32(tail, at) == kEndSignature && at + kEndSize + le16(tail, at + 20) == tail.size()) {
+            if (little32(tail, at) == kEndSignature && at + kEndSize + little16(tail, at + 20) == tail.size()) {
                 found = true;
                 break;
             }
@@ -224,19 +192,19 @@ private:
             return false;
         }
         std::uint64_t endOffset = tailStart + at;
-        std::uint32_t disk = le16(tail, at + 4);
-        std::uint32_t directoryDisk = le16(tail, at + 6);
-        std::uint64_t entriesOnDisk = le16(tail, at + 8);
-        entryCount_ = le16(tail, at + 10);
-        directorySize_ = le32(tail, at + 12);
-        directoryOffset_ = le32(tail, at + 16);
+        std::uint32_t disk = little16(tail, at + 4);
+        std::uint32_t directoryDisk = little16(tail, at + 6);
+        std::uint64_t entriesOnDisk = little16(tail, at + 8);
+        entryCount_ = little16(tail, at + 10);
+        directorySize_ = little32(tail, at + 12);
+        directoryOffset_ = little32(tail, at + 16);
         archive_.comment_ = tail.substr(at + kEndSize);
         directoryEnd_ = endOffset;
 
-        if (at >= kZip64LocatorSize && le32(tail, at - kZip64LocatorSize) == kZip64LocatorSignature) {
+        if (at >= kZip64LocatorSize && little32(tail, at - kZip64LocatorSize) == kZip64LocatorSignature) {
             std::size_t locator = at - kZip64LocatorSize;
-            std::uint64_t zip64EndOffset = le64(tail, locator + 8);
-            if (le32(tail, locator + 4) != 0 || le32(tail, locator + 16) > 1) {
+            std::uint64_t zip64EndOffset = little64(tail, locator + 8);
+            if (little32(tail, locator + 4) != 0 || little32(tail, locator + 16) > 1) {
                 reason = "it spans several disks";
                 return false;
             }
@@ -250,16 +218,16 @@ private:
                 reason = "its ZIP64 end record cannot be read: " + error;
                 return false;
             }
-            if (le32(record, 0) != kZip64EndSignature) {
+            if (little32(record, 0) != kZip64EndSignature) {
                 reason = "its ZIP64 end record is missing";
                 return false;
             }
-            disk = le32(record, 16);
-            directoryDisk = le32(record, 20);
-            entriesOnDisk = le64(record, 24);
-            entryCount_ = le64(record, 32);
-            directorySize_ = le64(record, 40);
-            directoryOffset_ = le64(record, 48);
+            disk = little32(record, 16);
+            directoryDisk = little32(record, 20);
+            entriesOnDisk = little64(record, 24);
+            entryCount_ = little64(record, 32);
+            directorySize_ = little64(record, 40);
+            directoryOffset_ = little64(record, 48);
             directoryEnd_ = zip64EndOffset;
         }
         if (disk != 0 || directoryDisk != 0 || entriesOnDisk != entryCount_) {
@@ -290,13 +258,13 @@ private:
                 reason = format("its central directory is truncated at entry %@", index + 1);
                 return false;
             }
-            if (le32(directory, at) != kCentralSignature) {
+            if (little32(directory, at) != kCentralSignature) {
                 reason = format("entry %@ of its central directory has no header signature", index + 1);
                 return false;
             }
-            std::size_t nameLength = le16(directory, at + 28);
-            std::size_t extraLength = le16(directory, at + 30);
-            std::size_t commentLength = le16(directory, at + 32);
+            std::size_t nameLength = little16(directory, at + 28);
+            std::size_t extraLength = little16(directory, at + 30);
+            std::size_t commentLength = little16(directory, at + 32);
             std::size_t length = kCentralSize + nameLength + extraLength + commentLength;
             if (directory.size() - at < length) {
                 reason = format("its central directory is truncated at entry %@", index + 1);
@@ -326,15 +294,15 @@ private:
     std::string describeEntry(std::string_view header, std::string_view extra, ZipEntry& entry) const {
         std::string problem = nameProblem(entry.storedName);
         if (!problem.empty()) return problem;
-        std::uint8_t host = static_cast<std::uint8_t>(le16(header, 4) >> 8);
-        entry.flags = le16(header, 8);
-        entry.method = le16(header, 10);
-        entry.crc32 = le32(header, 16);
-        entry.compressedSize = le32(header, 20);
-        entry.uncompressedSize = le32(header, 24);
-        std::uint64_t startDisk = le16(header, 34);
-        std::uint32_t external = le32(header, 38);
-        entry.localHeaderOffset = le32(header, 42);
+        std::uint8_t host = static_cast<std::uint8_t>(little16(header, 4) >> 8);
+        entry.flags = little16(header, 8);
+        entry.method = little16(header, 10);
+        entry.crc32 = little32(header, 16);
+        entry.compressedSize = little32(header, 20);
+        entry.uncompressedSize = little32(header, 24);
+        std::uint64_t startDisk = little16(header, 34);
+        std::uint32_t external = little32(header, 38);
+        entry.localHeaderOffset = little32(header, 42);
         entry.centralExtraLength = static_cast<std::uint16_t>(extra.size());
         if (!readZip64Values(extra, {{&entry.uncompressedSize, entry.uncompressedSize == kMax32, 8},
                                      {&entry.compressedSize, entry.compressedSize == kMax32, 8},
@@ -347,7 +315,7 @@ private:
         entry.isFolder = entry.storedName.ends_with('/') || S_ISDIR(entry.unixMode);
         entry.path = entry.storedName.ends_with('/') ? entry.storedName.substr(0, entry.storedName.size() - 1)
                                                      : entry.storedName;
-        entry.modified = extraTime(extra).value_or(dosTime(le16(header, 14), le16(header, 12)));
+        entry.modified = extraTime(extra).value_or(dosTime(little16(header, 14), little16(header, 12)));
 
         std::uint64_t archiveSize = source_.size();
         if (entry.isFolder && entry.isSymlink) return "it is both a folder and a link";
@@ -460,13 +428,13 @@ bool ZipArchive::locateData(const ZipEntry& entry, DataStart& start, std::string
         error = entryError(entry, "its local header cannot be read: " + readError);
         return false;
     }
-    if (le32(header, 0) != kLocalSignature) {
+    if (little32(header, 0) != kLocalSignature) {
         error = entryError(entry, "its local header is missing");
         return false;
     }
-    std::uint16_t flags = le16(header, 6);
-    std::size_t nameLength = le16(header, 26);
-    std::size_t extraLength = le16(header, 28);
+    std::uint16_t flags = little16(header, 6);
+    std::size_t nameLength = little16(header, 26);
+    std::size_t extraLength = little16(header, 28);
     std::uint64_t dataOffset = entry.localHeaderOffset + kLocalSize + nameLength + extraLength;
     if (dataOffset > entry.extentLimit || entry.compressedSize > entry.extentLimit - dataOffset) {
         error = entryError(entry, "its data runs into the next entry or the central directory");
@@ -486,13 +454,13 @@ bool ZipArchive::locateData(const ZipEntry& entry, DataStart& start, std::string
         error = entryError(entry, format("its local header names \"%@\"", printable(view.substr(kLocalSize, nameLength))));
         return false;
     }
-    if (le16(header, 8) != entry.method) {
+    if (little16(header, 8) != entry.method) {
         error = entryError(entry, "its local header gives another compression method");
         return false;
     }
     if (!(flags & kFlagDataDescriptor)) {
-        std::uint64_t compressed = le32(header, 18);
-        std::uint64_t uncompressed = le32(header, 22);
+        std::uint64_t compressed = little32(header, 18);
+        std::uint64_t uncompressed = little32(header, 22);
         std::string_view extra = view.substr(kLocalSize + nameLength, extraLength);
         bool complete = readZip64Values(extra, {{&uncompressed, uncompressed == kMax32, 8},
                                                 {&compressed, compressed == kMax32, 8}});
@@ -500,7 +468,7 @@ bool ZipArchive::locateData(const ZipEntry& entry, DataStart& start, std::string
             error = entryError(entry, "its local header gives other sizes than the central directory");
             return false;
         }
-        if (le32(header, 14) != entry.crc32) {
+        if (little32(header, 14) != entry.crc32) {
             error = entryError(entry, "its local header gives another CRC-32 than the central directory");
             return false;
         }

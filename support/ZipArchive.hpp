@@ -33,11 +33,12 @@
 #include <vector>
 
 #include "support/ByteSource.hpp"
+#include "support/ZipFormat.hpp"
 
 namespace whittle {
 
-inline constexpr std::uint16_t kZipMethodStored = 0;
-inline constexpr std::uint16_t kZipMethodDeflate = 8;
+inline constexpr std::uint16_t kZipMethodStored = zip::kMethodStored;
+inline constexpr std::uint16_t kZipMethodDeflate = zip::kMethodDeflate;
 
 struct ZipEntry {
     std::string path;                 // the name without a folder's trailing "/"

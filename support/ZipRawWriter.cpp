@@ -8,49 +8,20 @@
 #include <ctime>
 
 #include "support/DescriptorIo.hpp"
+#include "support/ZipFormat.hpp"
 
 namespace whittle {
 
 namespace {
 
-constexpr std::uint32_t kLocalSignature = 0x04034b50;
-constexpr std::uint32_t kCentralSignature = 0x02014b50;
-constexpr std::uint32_t kEndSignature = 0x06054b50;
-constexpr std::uint32_t kZip64EndSignature = 0x06064b50;
-constexpr std::uint32_t kZip64LocatorSignature = 0x07064b50;
-constexpr std::uint16_t kZip64ExtraId = 0x0001;
-constexpr std::uint16_t kTimestampExtraId = 0x5455;
+using namespace whittle::zip;
+
 constexpr std::uint16_t kVersionMadeByUnix = (3 << 8) | 45;
-constexpr std::uint16_t kVersionNeeded = 20;
-constexpr std::uint16_t kVersionNeededZip64 = 45;
-constexpr std::uint16_t kUtf8NameFlag = 1 << 11;
-constexpr std::uint32_t kMax32 = 0xffffffffu;
-constexpr std::uint16_t kMax16 = 0xffff;
 
-void put16(std::string& out, std::uint16_t value) {
-    out.push_back(static_cast<char>(value & 0xff));
-    out.push_back(static_cast<char>(value >> 8));
-}
-
-void put32(std::string& out, std::uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<char>((value >> shift) & 0xff));
-}
-
-void put64(std::string& out, std::uint64_t value) {
-    for (int shift = 0; shift < 64; shift += 8) out.push_back(static_cast<char>((value >> shift) & 0xff));
-}
-
-std::uint32_t clamp32(std::uint64_t value) { return value >= kMax32 ? kMax32 : static_cast<std::uint32_t>(value); }
-
-// DOS date and time of the UTC time, which is also recorded exactly in the extended
-// timestamp field.
 void putDosTime(std::string& out, struct timespec when) {
-    std::tm utc{};
-    time_t seconds = when.tv_sec;
-    ::gmtime_r(&seconds, &utc);
-    if (utc.tm_year < 80) utc = std::tm{.tm_mday = 1, .tm_year = 80};
-    put16(out, static_cast<std::uint16_t>((utc.tm_hour << 11) | (utc.tm_min << 5) | (utc.tm_sec / 2)));
-    put16(out, static_cast<std::uint16_t>(((utc.tm_year - 80) << 9) | ((utc.tm_mon + 1) << 5) | utc.tm_mday));
+    auto [date, time] = dosDateAndTime(when.tv_sec);
+    put16(out, time);
+    put16(out, date);
 }
 
 std::string timestampExtra(struct timespec when) {
@@ -82,7 +53,7 @@ bool ZipRawWriter::writeLocalHeader(const Written& entry, std::string& error) {
     std::string header;
     put32(header, kLocalSignature);
     put16(header, zip64 ? kVersionNeededZip64 : kVersionNeeded);
-    put16(header, kUtf8NameFlag);
+    put16(header, kFlagUtf8Names);
     put16(header, entry.method);
     putDosTime(header, entry.modified);
     put32(header, entry.crc32);
@@ -135,7 +106,7 @@ bool ZipRawWriter::finish(std::string& error) {
         put32(record, kCentralSignature);
         put16(record, kVersionMadeByUnix);
         put16(record, zip64 ? kVersionNeededZip64 : kVersionNeeded);
-        put16(record, kUtf8NameFlag);
+        put16(record, kFlagUtf8Names);
         put16(record, entry.method);
         putDosTime(record, entry.modified);
         put32(record, entry.crc32);

@@ -20,27 +20,16 @@
 #include "platform/copy/CopyCommon.hpp"
 #include "platform/helper/StopCleanup.hpp"
 #include "support/DescriptorIo.hpp"
+#include "support/ZipFormat.hpp"
 
 namespace whittle::copy {
 
 namespace {
 
-// ---- the zip format (all integers little-endian) ----
-constexpr std::uint32_t kLocalHeaderSignature = 0x04034b50;
-constexpr std::uint32_t kCentralHeaderSignature = 0x02014b50;
-constexpr std::uint32_t kEndSignature = 0x06054b50;
-constexpr std::uint32_t kZip64EndSignature = 0x06064b50;
-constexpr std::uint32_t kZip64LocatorSignature = 0x07064b50;
-constexpr std::uint16_t kExtendedTimestampTag = 0x5455;
-constexpr std::uint16_t kZip64Tag = 0x0001;
-constexpr std::uint16_t kMethodStored = 0;
-constexpr std::uint16_t kMethodDeflated = 8;
-constexpr std::uint16_t kVersionNeeded = 20;
-constexpr std::uint16_t kVersionNeededZip64 = 45;
+// ---- the zip format (all integers little-endian; records in support/ZipFormat.hpp) ----
+using namespace whittle::zip;
 constexpr std::uint16_t kVersionMadeByUnix = (3 << 8) | 30;
-constexpr std::uint16_t kFlagUtf8Names = 0x0800;
 constexpr std::uint32_t kDosDirectoryAttribute = 0x10;
-constexpr std::uint32_t kLargest32 = 0xFFFFFFFF;
 constexpr std::size_t kLocalSizesOffset = 14;  // CRC-32, compressed and uncompressed size
 
 // ---- how the work is cut ----
@@ -52,30 +41,6 @@ constexpr std::uint64_t kPartSize = 1 << 20;
 // An entry whose data might need more than 32 bits gets 64-bit sizes from the start.
 constexpr std::uint64_t kZip64Threshold = 0xF0000000;
 constexpr int kCompressionLevel = 6;
-
-void put16(std::string& out, std::uint16_t value) {
-    out += static_cast<char>(value & 0xFF);
-    out += static_cast<char>(value >> 8);
-}
-void put32(std::string& out, std::uint32_t value) {
-    for (int i = 0; i < 4; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
-}
-void put64(std::string& out, std::uint64_t value) {
-    for (int i = 0; i < 8; ++i) out += static_cast<char>((value >> (8 * i)) & 0xFF);
-}
-std::uint32_t clamp32(std::uint64_t value) { return value >= kLargest32 ? kLargest32 : static_cast<std::uint32_t>(value); }
-
-// The DOS date and time fields, in UTC so that they do not depend on where the archive
-// is made (the extended timestamp field carries the exact time for readers that
-// know it).
-std::pair<std::uint16_t, std::uint16_t> dosDateAndTime(std::time_t seconds) {
-    std::tm parts{};
-    ::gmtime_r(&seconds, &parts);
-    if (parts.tm_year < 80) return {(0 << 9) | (1 << 5) | 1, 0};  // 1980-01-01, the earliest there is
-    auto date = static_cast<std::uint16_t>(((parts.tm_year - 80) << 9) | ((parts.tm_mon + 1) << 5) | parts.tm_mday);
-    auto time = static_cast<std::uint16_t>((parts.tm_hour << 11) | (parts.tm_min << 5) | (parts.tm_sec / 2));
-    return {date, time};
-}
 
 // ---- compression ----
 
@@ -239,7 +204,7 @@ struct Entry {
 // The extended timestamp field: the modification time alone.
 std::string timestampField(std::int64_t modified) {
     std::string field;
-    put16(field, kExtendedTimestampTag);
+    put16(field, kTimestampExtraId);
     put16(field, 5);
     field += '\x01';
     put32(field, static_cast<std::uint32_t>(modified));
@@ -255,21 +220,21 @@ std::string localHeader(const Entry& entry) {
     auto [date, time] = dosDateAndTime(static_cast<std::time_t>(entry.modified));
     std::string extra = timestampField(entry.modified);
     if (entry.zip64) {
-        put16(extra, kZip64Tag);
+        put16(extra, kZip64ExtraId);
         put16(extra, 16);
         put64(extra, entry.size);
         put64(extra, entry.compressedSize);
     }
     std::string header;
-    put32(header, kLocalHeaderSignature);
+    put32(header, kLocalSignature);
     put16(header, entry.zip64 ? kVersionNeededZip64 : kVersionNeeded);
     put16(header, flagsOf(entry));
     put16(header, entry.method);
     put16(header, time);
     put16(header, date);
     put32(header, entry.crc);
-    put32(header, entry.zip64 ? kLargest32 : static_cast<std::uint32_t>(entry.compressedSize));
-    put32(header, entry.zip64 ? kLargest32 : static_cast<std::uint32_t>(entry.size));
+    put32(header, entry.zip64 ? kMax32 : static_cast<std::uint32_t>(entry.compressedSize));
+    put32(header, entry.zip64 ? kMax32 : static_cast<std::uint32_t>(entry.size));
     put16(header, static_cast<std::uint16_t>(entry.name.size()));
     put16(header, static_cast<std::uint16_t>(extra.size()));
     return header + entry.name + extra;
@@ -279,17 +244,17 @@ std::string centralHeader(const Entry& entry) {
     auto [date, time] = dosDateAndTime(static_cast<std::time_t>(entry.modified));
     std::string extra = timestampField(entry.modified);
     std::string large;
-    if (entry.size >= kLargest32 || entry.zip64) put64(large, entry.size);
-    if (entry.compressedSize >= kLargest32 || entry.zip64) put64(large, entry.compressedSize);
-    if (entry.headerOffset >= kLargest32) put64(large, entry.headerOffset);
+    if (entry.size >= kMax32 || entry.zip64) put64(large, entry.size);
+    if (entry.compressedSize >= kMax32 || entry.zip64) put64(large, entry.compressedSize);
+    if (entry.headerOffset >= kMax32) put64(large, entry.headerOffset);
     if (!large.empty()) {
-        put16(extra, kZip64Tag);
+        put16(extra, kZip64ExtraId);
         put16(extra, static_cast<std::uint16_t>(large.size()));
         extra += large;
     }
-    bool sizes64 = entry.zip64 || entry.size >= kLargest32 || entry.compressedSize >= kLargest32;
+    bool sizes64 = entry.zip64 || entry.size >= kMax32 || entry.compressedSize >= kMax32;
     std::string header;
-    put32(header, kCentralHeaderSignature);
+    put32(header, kCentralSignature);
     put16(header, kVersionMadeByUnix);
     put16(header, large.empty() ? kVersionNeeded : kVersionNeededZip64);
     put16(header, flagsOf(entry));
@@ -297,8 +262,8 @@ std::string centralHeader(const Entry& entry) {
     put16(header, time);
     put16(header, date);
     put32(header, entry.crc);
-    put32(header, sizes64 ? kLargest32 : static_cast<std::uint32_t>(entry.compressedSize));
-    put32(header, sizes64 ? kLargest32 : static_cast<std::uint32_t>(entry.size));
+    put32(header, sizes64 ? kMax32 : static_cast<std::uint32_t>(entry.compressedSize));
+    put32(header, sizes64 ? kMax32 : static_cast<std::uint32_t>(entry.size));
     put16(header, static_cast<std::uint16_t>(entry.name.size()));
     put16(header, static_cast<std::uint16_t>(extra.size()));
     put16(header, 0);  // comment
@@ -311,7 +276,7 @@ std::string centralHeader(const Entry& entry) {
 
 std::string archiveEnd(std::uint64_t entries, std::uint64_t directoryOffset, std::uint64_t directorySize) {
     std::string end;
-    bool zip64 = entries >= 0xFFFF || directoryOffset >= kLargest32 || directorySize >= kLargest32;
+    bool zip64 = entries >= 0xFFFF || directoryOffset >= kMax32 || directorySize >= kMax32;
     if (zip64) {
         std::uint64_t recordOffset = directoryOffset + directorySize;
         put32(end, kZip64EndSignature);
@@ -478,7 +443,7 @@ private:
             auto work = [file, size, where] { return compressWhole(readRange(file->get(), 0, size, where)); };
             addStep({Step::Kind::data, entry, workers_.submit(work), where});
         } else {
-            entry->method = kMethodDeflated;
+            entry->method = kMethodDeflate;
             for (std::uint64_t offset = 0; offset < size; offset += kPartSize) {
                 std::uint64_t length = std::min(kPartSize, size - offset);
                 bool last = offset + length == size;
@@ -512,8 +477,8 @@ private:
                 if (entryDataStart_ == 0) {
                     // The header goes out with the first piece, which tells the method of a
                     // whole file; its sizes and checksum are filled in at the end.
-                    if (entry.method != kMethodDeflated)
-                        entry.method = piece.stored ? kMethodStored : kMethodDeflated;
+                    if (entry.method != kMethodDeflate)
+                        entry.method = piece.stored ? kMethodStored : kMethodDeflate;
                     writeBytes(localHeader(entry));
                     entryDataStart_ = position_;
                 }

@@ -2,6 +2,8 @@
 // engines made over it, and what they logged.
 #pragma once
 
+#include "engine/FolderBundleFiles.hpp"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -24,7 +26,7 @@ protected:
                                       const Value& options = Value::dictionary()) {
         Value productList = products.empty() ? Value() : Value::stringArray(products);
         Value variantList = variants.empty() ? Value() : Value::stringArray(variants);
-        return std::make_unique<Stripper3>(root(), productList, variantList, options);
+        return std::make_unique<Stripper3>(std::make_shared<FolderBundleFiles>(root()), productList, variantList, options);
     }
 
     static bool keeps(Stripper3& stripper, const std::string& path) { return stripper.copiedFilelist().contains(path); }
