@@ -48,24 +48,37 @@ bool ZipRawWriter::writeBytes(std::string_view bytes, std::string& error) {
     return true;
 }
 
+// What local and central headers both say of an entry, from the version needed to the
+// sizes (all ones when they are in the ZIP64 field).
+void ZipRawWriter::putSharedFields(std::string& out, const Written& entry, bool zip64) {
+    put16(out, zip64 ? kVersionNeededZip64 : kVersionNeeded);
+    put16(out, kFlagUtf8Names);
+    put16(out, entry.method);
+    putDosTime(out, entry.modified);
+    put32(out, entry.crc32);
+    put32(out, zip64 ? kMax32 : clamp32(entry.compressedSize));
+    put32(out, zip64 ? kMax32 : clamp32(entry.uncompressedSize));
+}
+
+// The exact time, and the ZIP64 field when needed: sizes, and in a central header the
+// local header's offset too.
+std::string ZipRawWriter::extraFields(const Written& entry, bool zip64, bool withOffset) {
+    std::string extra = timestampExtra(entry.modified);
+    if (!zip64) return extra;
+    put16(extra, kZip64ExtraId);
+    put16(extra, withOffset ? 24 : 16);
+    put64(extra, entry.uncompressedSize);
+    put64(extra, entry.compressedSize);
+    if (withOffset) put64(extra, entry.localHeaderOffset);
+    return extra;
+}
+
 bool ZipRawWriter::writeLocalHeader(const Written& entry, std::string& error) {
     bool zip64 = needsZip64(entry.compressedSize, entry.uncompressedSize, 0);
     std::string header;
     put32(header, kLocalSignature);
-    put16(header, zip64 ? kVersionNeededZip64 : kVersionNeeded);
-    put16(header, kFlagUtf8Names);
-    put16(header, entry.method);
-    putDosTime(header, entry.modified);
-    put32(header, entry.crc32);
-    put32(header, zip64 ? kMax32 : clamp32(entry.compressedSize));
-    put32(header, zip64 ? kMax32 : clamp32(entry.uncompressedSize));
-    std::string extra = timestampExtra(entry.modified);
-    if (zip64) {
-        put16(extra, kZip64ExtraId);
-        put16(extra, 16);
-        put64(extra, entry.uncompressedSize);
-        put64(extra, entry.compressedSize);
-    }
+    putSharedFields(header, entry, zip64);
+    std::string extra = extraFields(entry, zip64, false);
     put16(header, static_cast<std::uint16_t>(entry.name.size()));
     put16(header, static_cast<std::uint16_t>(extra.size()));
     header += entry.name;
@@ -105,21 +118,8 @@ bool ZipRawWriter::finish(std::string& error) {
         std::string record;
         put32(record, kCentralSignature);
         put16(record, kVersionMadeByUnix);
-        put16(record, zip64 ? kVersionNeededZip64 : kVersionNeeded);
-        put16(record, kFlagUtf8Names);
-        put16(record, entry.method);
-        putDosTime(record, entry.modified);
-        put32(record, entry.crc32);
-        put32(record, zip64 ? kMax32 : clamp32(entry.compressedSize));
-        put32(record, zip64 ? kMax32 : clamp32(entry.uncompressedSize));
-        std::string extra = timestampExtra(entry.modified);
-        if (zip64) {
-            put16(extra, kZip64ExtraId);
-            put16(extra, 24);
-            put64(extra, entry.uncompressedSize);
-            put64(extra, entry.compressedSize);
-            put64(extra, entry.localHeaderOffset);
-        }
+        putSharedFields(record, entry, zip64);
+        std::string extra = extraFields(entry, zip64, true);
         put16(record, static_cast<std::uint16_t>(entry.name.size()));
         put16(record, static_cast<std::uint16_t>(extra.size()));
         put16(record, 0);  // comment

@@ -41,6 +41,8 @@ private:
         struct timespec modified;
     };
 
+    static void putSharedFields(std::string& out, const Written& entry, bool zip64);
+    static std::string extraFields(const Written& entry, bool zip64, bool withOffset);
     bool writeLocalHeader(const Written& entry, std::string& error);
     bool writeBytes(std::string_view bytes, std::string& error);
 
