@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "driver/Interrupts.hpp"
@@ -74,9 +75,11 @@ public:
     Extraction(const ZipBundleFiles& files, int rootFd) : files_(files), rootFd_(rootFd) {}
 
     bool extract(const std::string& path) {
+        if (made_.contains(path)) return true;
         auto item = files_.itemAt(path);
         if (!item) return fail(path, "it is not in the archive");
         std::string parent = deletingLastPathComponent(path);
+        if (!extractParentFolder(parent)) return false;
         std::string name = lastPathComponent(path);
         UniqueDescriptor parentFolder(openOrMakeFolderBeneath(rootFd_, parent));
         if (!parentFolder.valid()) return fail(path, std::strerror(errno));
@@ -106,6 +109,15 @@ private:
         return false;
     }
 
+    // A folder above a kept path that the kept paths do not name themselves still takes
+    // its mode and time from the archive, as a folder source's copy gives it.
+    bool extractParentFolder(const std::string& parent) {
+        if (parent.empty() || made_.contains(parent)) return true;
+        auto item = files_.itemAt(parent);
+        if (!item || item->kind != ZipBundleFiles::ItemKind::Folder) return true;
+        return extract(parent);
+    }
+
     bool makeFolder(int parentFd, const std::string& path, const std::string& name, const ZipEntry* entry) {
         if (::mkdirat(parentFd, name.c_str(), 0700) != 0 && errno != EEXIST) return fail(path, std::strerror(errno));
         struct stat info {};
@@ -114,6 +126,7 @@ private:
         }
         ::fchmodat(parentFd, name.c_str(), permissionsOf(entry, 0755) | 0700, 0);
         folders_.push_back(path);
+        made_.insert(path);
         return true;
     }
 
@@ -150,6 +163,7 @@ private:
     const ZipBundleFiles& files_;
     int rootFd_;
     std::vector<std::string> folders_;
+    std::set<std::string> made_;
     std::string failure_;
 };
 
@@ -236,15 +250,36 @@ int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const s
     UniqueDescriptor output(fd);
     ZipRawWriter writer(fd);
     if (fd >= 0) files.archive().source().willRead(rangesOfKeptEntries(files, keptPaths));
+    std::set<std::string> foldersAdded;
+    auto addFolder = [&](const std::string& name, const ZipEntry* entry) {
+        if (!foldersAdded.insert(name).second) return;
+        auto when = files.modificationTime(name).value_or(timespec{0, 0});
+        writer.addFolder(name + "/", entry ? entry->unixMode : 0, when, error);
+    };
+    // Every folder above a kept path has its entry, as in an archive of a folder source.
+    auto addParentFolders = [&](const std::string& name) {
+        std::vector<std::string> parents;
+        for (std::string parent = deletingLastPathComponent(name); !parent.empty() && !foldersAdded.contains(parent);
+             parent = deletingLastPathComponent(parent)) {
+            parents.push_back(parent);
+        }
+        for (auto parent = parents.rbegin(); parent != parents.rend() && error.empty(); ++parent) {
+            auto item = files.itemAt(*parent);
+            if (item && item->kind == ZipBundleFiles::ItemKind::Folder) addFolder(*parent, item->entry);
+        }
+    };
     for (const auto& path : keptPaths.elements()) {
         if (!error.empty() || interrupted()) break;
         std::string name(path.text());
         auto item = files.itemAt(name);
         if (!item) {
             error = format("\"%@\" is not in the archive", name);
-        } else if (item->kind == ZipBundleFiles::ItemKind::Folder) {
-            auto when = files.modificationTime(name).value_or(timespec{0, 0});
-            writer.addFolder(name + "/", item->entry ? item->entry->unixMode : 0, when, error);
+            break;
+        }
+        addParentFolders(name);
+        if (!error.empty()) break;
+        if (item->kind == ZipBundleFiles::ItemKind::Folder) {
+            addFolder(name, item->entry);
         } else {
             writer.addEntry(files.archive(), *item->entry, name, error);
         }
