@@ -85,7 +85,7 @@ public:
         if (!parentFolder.valid()) return fail(path, std::strerror(errno));
         switch (item->kind) {
             case ZipBundleFiles::ItemKind::Folder: return makeFolder(parentFolder.get(), path, name, item->entry);
-            case ZipBundleFiles::ItemKind::Link: return makeLink(parentFolder.get(), path, name);
+            case ZipBundleFiles::ItemKind::Link: return makeLink(parentFolder.get(), path, name, *item->entry);
             case ZipBundleFiles::ItemKind::File: return writeFile(parentFolder.get(), path, name, *item->entry);
         }
         return false;
@@ -130,10 +130,13 @@ private:
         return true;
     }
 
-    bool makeLink(int parentFd, const std::string& path, const std::string& name) {
-        auto target = files_.linkTarget(path);
-        if (!target) return fail(path, "its link leads outside the bundle");
-        if (::symlinkat(target->c_str(), parentFd, name.c_str()) != 0) return fail(path, std::strerror(errno));
+    // The link is written with its text as the archive holds it, wherever it leads, as
+    // the copy of a folder source writes its links; it is never followed here.
+    bool makeLink(int parentFd, const std::string& path, const std::string& name, const ZipEntry& entry) {
+        std::string target;
+        std::string error;
+        if (!files_.archive().readEntry(entry, target, error, ZipArchive::kMaxLinkLength)) return fail(path, error);
+        if (::symlinkat(target.c_str(), parentFd, name.c_str()) != 0) return fail(path, std::strerror(errno));
         if (auto when = files_.modificationTime(path)) {
             struct timespec times[2] = {*when, *when};
             ::utimensat(parentFd, name.c_str(), times, AT_SYMLINK_NOFOLLOW);
@@ -214,9 +217,11 @@ std::shared_ptr<ZipBundleFiles> openArchiveBundle(const std::string& source) {
     } else {
         bytes = FileByteSource::open(source, error);
     }
+    if (!bytes && !isRemoteSource(source)) error = format("unable to read \"%@\" - %@", source, error);
     std::shared_ptr<const ZipArchive> archive = bytes ? ZipArchive::open(bytes, error) : nullptr;
     if (!archive) {
-        Log("XXX ERROR: %@.", error);
+        // A refused archive's reason is a whole sentence already.
+        Log("XXX ERROR: %@%@", error, error.ends_with('.') ? "" : ".");
         return nullptr;
     }
     return std::make_shared<ZipBundleFiles>(archive);
