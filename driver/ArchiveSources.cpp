@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "driver/Interrupts.hpp"
@@ -74,15 +75,17 @@ public:
     Extraction(const ZipBundleFiles& files, int rootFd) : files_(files), rootFd_(rootFd) {}
 
     bool extract(const std::string& path) {
+        if (made_.contains(path)) return true;
         auto item = files_.itemAt(path);
         if (!item) return fail(path, "it is not in the archive");
         std::string parent = deletingLastPathComponent(path);
+        if (!extractParentFolder(parent)) return false;
         std::string name = lastPathComponent(path);
         UniqueDescriptor parentFolder(openOrMakeFolderBeneath(rootFd_, parent));
         if (!parentFolder.valid()) return fail(path, std::strerror(errno));
         switch (item->kind) {
             case ZipBundleFiles::ItemKind::Folder: return makeFolder(parentFolder.get(), path, name, item->entry);
-            case ZipBundleFiles::ItemKind::Link: return makeLink(parentFolder.get(), path, name);
+            case ZipBundleFiles::ItemKind::Link: return makeLink(parentFolder.get(), path, name, *item->entry);
             case ZipBundleFiles::ItemKind::File: return writeFile(parentFolder.get(), path, name, *item->entry);
         }
         return false;
@@ -106,6 +109,15 @@ private:
         return false;
     }
 
+    // A folder above a kept path that the kept paths do not name themselves still takes
+    // its mode and time from the archive, as a folder source's copy gives it.
+    bool extractParentFolder(const std::string& parent) {
+        if (parent.empty() || made_.contains(parent)) return true;
+        auto item = files_.itemAt(parent);
+        if (!item || item->kind != ZipBundleFiles::ItemKind::Folder) return true;
+        return extract(parent);
+    }
+
     bool makeFolder(int parentFd, const std::string& path, const std::string& name, const ZipEntry* entry) {
         if (::mkdirat(parentFd, name.c_str(), 0700) != 0 && errno != EEXIST) return fail(path, std::strerror(errno));
         struct stat info {};
@@ -114,13 +126,17 @@ private:
         }
         ::fchmodat(parentFd, name.c_str(), permissionsOf(entry, 0755) | 0700, 0);
         folders_.push_back(path);
+        made_.insert(path);
         return true;
     }
 
-    bool makeLink(int parentFd, const std::string& path, const std::string& name) {
-        auto target = files_.linkTarget(path);
-        if (!target) return fail(path, "its link leads outside the bundle");
-        if (::symlinkat(target->c_str(), parentFd, name.c_str()) != 0) return fail(path, std::strerror(errno));
+    // The link is written with its text as the archive holds it, wherever it leads, as
+    // the copy of a folder source writes its links; it is never followed here.
+    bool makeLink(int parentFd, const std::string& path, const std::string& name, const ZipEntry& entry) {
+        std::string target;
+        std::string error;
+        if (!files_.archive().readEntry(entry, target, error, ZipArchive::kMaxLinkLength)) return fail(path, error);
+        if (::symlinkat(target.c_str(), parentFd, name.c_str()) != 0) return fail(path, std::strerror(errno));
         if (auto when = files_.modificationTime(path)) {
             struct timespec times[2] = {*when, *when};
             ::utimensat(parentFd, name.c_str(), times, AT_SYMLINK_NOFOLLOW);
@@ -150,6 +166,7 @@ private:
     const ZipBundleFiles& files_;
     int rootFd_;
     std::vector<std::string> folders_;
+    std::set<std::string> made_;
     std::string failure_;
 };
 
@@ -200,9 +217,11 @@ std::shared_ptr<ZipBundleFiles> openArchiveBundle(const std::string& source) {
     } else {
         bytes = FileByteSource::open(source, error);
     }
+    if (!bytes && !isRemoteSource(source)) error = format("unable to read \"%@\" - %@", source, error);
     std::shared_ptr<const ZipArchive> archive = bytes ? ZipArchive::open(bytes, error) : nullptr;
     if (!archive) {
-        Log("XXX ERROR: %@.", error);
+        // A refused archive's reason is a whole sentence already.
+        Log("XXX ERROR: %@%@", error, error.ends_with('.') ? "" : ".");
         return nullptr;
     }
     return std::make_shared<ZipBundleFiles>(archive);
@@ -236,15 +255,36 @@ int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const s
     UniqueDescriptor output(fd);
     ZipRawWriter writer(fd);
     if (fd >= 0) files.archive().source().willRead(rangesOfKeptEntries(files, keptPaths));
+    std::set<std::string> foldersAdded;
+    auto addFolder = [&](const std::string& name, const ZipEntry* entry) {
+        if (!foldersAdded.insert(name).second) return;
+        auto when = files.modificationTime(name).value_or(timespec{0, 0});
+        writer.addFolder(name + "/", entry ? entry->unixMode : 0, when, error);
+    };
+    // Every folder above a kept path has its entry, as in an archive of a folder source.
+    auto addParentFolders = [&](const std::string& name) {
+        std::vector<std::string> parents;
+        for (std::string parent = deletingLastPathComponent(name); !parent.empty() && !foldersAdded.contains(parent);
+             parent = deletingLastPathComponent(parent)) {
+            parents.push_back(parent);
+        }
+        for (auto parent = parents.rbegin(); parent != parents.rend() && error.empty(); ++parent) {
+            auto item = files.itemAt(*parent);
+            if (item && item->kind == ZipBundleFiles::ItemKind::Folder) addFolder(*parent, item->entry);
+        }
+    };
     for (const auto& path : keptPaths.elements()) {
         if (!error.empty() || interrupted()) break;
         std::string name(path.text());
         auto item = files.itemAt(name);
         if (!item) {
             error = format("\"%@\" is not in the archive", name);
-        } else if (item->kind == ZipBundleFiles::ItemKind::Folder) {
-            auto when = files.modificationTime(name).value_or(timespec{0, 0});
-            writer.addFolder(name + "/", item->entry ? item->entry->unixMode : 0, when, error);
+            break;
+        }
+        addParentFolders(name);
+        if (!error.empty()) break;
+        if (item->kind == ZipBundleFiles::ItemKind::Folder) {
+            addFolder(name, item->entry);
         } else {
             writer.addEntry(files.archive(), *item->entry, name, error);
         }

@@ -605,6 +605,27 @@ bool ZipArchive::streamEntry(const ZipEntry& entry, const std::function<bool(std
     return false;
 }
 
+bool ZipArchive::copyStoredBytes(const ZipEntry& entry, const std::function<bool(std::string_view)>& sink,
+                                 std::string& error) const {
+    DataStart start;
+    if (!locateData(entry, start, error)) return false;
+    const std::function<bool(std::string_view)> discard = [](std::string_view) { return true; };
+    EntryDecoder checker(entry, discard);
+    std::string readError;
+    bool copied = source_->stream({start.offset, entry.compressedSize}, [&](std::string_view piece) {
+        return checker.feed(piece) && sink(piece);
+    }, readError);
+    if (copied && checker.finish()) return true;
+    if (!checker.problem().empty()) {
+        error = entryError(entry, checker.problem());
+    } else if (!readError.empty()) {
+        error = entryError(entry, "its data cannot be read: " + readError);
+    } else {
+        error.clear();  // the sink stopped the copy
+    }
+    return false;
+}
+
 bool ZipArchive::readEntry(const ZipEntry& entry, std::string& out, std::string& error, std::uint64_t maxSize) const {
     out.clear();
     if (entry.uncompressedSize > maxSize) {

@@ -101,6 +101,11 @@ public:
     // Where the entry's stored (compressed) bytes lie, from its local header, for
     // copying them as they are.
     bool dataRange(const ZipEntry& entry, ByteRange& range, std::string& error) const;
+    // Hands the entry's stored bytes to `sink` as they are, inflating them on the side
+    // to check them as streamEntry does: a copy must not carry on an entry whose data
+    // disagrees with its declared size or CRC-32. The same answers as streamEntry.
+    bool copyStoredBytes(const ZipEntry& entry, const std::function<bool(std::string_view)>& sink,
+                         std::string& error) const;
 
 private:
     explicit ZipArchive(std::shared_ptr<ByteSource> source) : source_(std::move(source)) {}

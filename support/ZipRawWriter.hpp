@@ -1,6 +1,7 @@
 // Writing a zip archive out of the entries of another, their stored (compressed)
-// bytes copied as they are: nothing is inflated or deflated again, so the copy costs
-// about the reading and writing of the bytes kept. Local headers are written afresh
+// bytes copied as they are: nothing is deflated again, and the bytes are inflated on
+// the side only to check them, so the copy costs about the reading and writing of the
+// bytes kept and one inflation. Local headers are written afresh
 // (sizes and CRC-32 known up front, so no data descriptors), with ZIP64 records where
 // sizes or offsets pass 4 GiB.
 #pragma once
