@@ -24,7 +24,7 @@ protected:
                                       const Value& options = Value::dictionary()) {
         Value productList = products.empty() ? Value() : Value::stringArray(products);
         Value variantList = variants.empty() ? Value() : Value::stringArray(variants);
-        return std::make_unique<Stripper3>(root(), productList, variantList, options);
+        return std::make_unique<Stripper3>(std::make_shared<FolderBundleFiles>(root()), productList, variantList, options);
     }
 
     static bool keeps(Stripper3& stripper, const std::string& path) { return stripper.copiedFilelist().contains(path); }

@@ -32,7 +32,7 @@ protected:
                                       const Value& options = Value::dictionary()) {
         Value productList = products.empty() ? Value() : Value::stringArray(products);
         Value variantList = variants.empty() ? Value() : Value::stringArray(variants);
-        return std::make_unique<Stripper2>(root(), productList, variantList, options);
+        return std::make_unique<Stripper2>(std::make_shared<FolderBundleFiles>(root()), productList, variantList, options);
     }
 
     static Value dict(std::initializer_list<std::pair<const char*, Value>> entries) {

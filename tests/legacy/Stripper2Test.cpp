@@ -65,14 +65,14 @@ TEST_F(Stripper2Analysis, StripInfoSpellsItsKeysTheLegacyWay) {
     EXPECT_EQ(texts(withLists->stripInfo().get("FactoryVariants")), std::vector<std::string>{"repair"});
     auto without = engine();
     EXPECT_EQ(without->stripInfo().count(), 1u);
-    Stripper2 withEmptyLists(root(), Value::array(), Value::array(), Value::dictionary());
+    Stripper2 withEmptyLists(std::make_shared<FolderBundleFiles>(root()), Value::array(), Value::array(), Value::dictionary());
     EXPECT_EQ(withEmptyLists.stripInfo().get("products").count(), 0u);
     EXPECT_TRUE(withEmptyLists.stripInfo().get("products").isArray());
 }
 
 TEST_F(Stripper2Analysis, OptionsAreCopiedAtConstruction) {
     Value caller = options({"keepDebug"});
-    Stripper2 stripper(root(), Value(), Value(), caller);
+    Stripper2 stripper(std::make_shared<FolderBundleFiles>(root()), Value(), Value(), caller);
     caller.set("keepDebug", Value::boolean(false));
     caller.set("noCookie", Value::boolean(true));
     EXPECT_TRUE(stripper.stripOptions().get("keepDebug").numberValue() != 0);
