@@ -15,25 +15,6 @@ bool isInvisibleName(std::string_view name) { return hasInvisiblePrefix(name) ||
 
 }  // namespace
 
-int Stripper3::keepOptionalFolder(const OptionalFolder& folder) {
-    if (!option(folder.option)) return 0;
-    auto listing = submanifestStartingAt(folder.folder, false);
-    if (!listing.empty()) Log(folder.foundMessage, listing.size());
-    keepPaths(listing);
-    return 0;
-}
-
-int Stripper3::keepOptionalLinkedImage(const OptionalLinkedImage& image) {
-    if (!option(image.option)) return 0;
-    auto target = files_->linkTarget(image.link);
-    // A plain file under the link's name is deliberately not kept.
-    if (!target) return 0;
-    Log(image.foundMessage, *target);
-    copiedFilelist_.insert(*target);
-    copiedFilelist_.insert(image.link);
-    return 0;
-}
-
 int Stripper3::stripFactoryDiskImage(const Value&) {
     if (files_->exists(kFactoryDiskImage) && files_->exists(kFactoryDiskImageSignature)) {
         Log("+++ FactoryDiskImage and signature file found.");
@@ -77,8 +58,7 @@ int Stripper3::stripRestoreTools(const Value&) {
         copiedFilelist_.insert(kRestoreTools);
         return 0;
     }
-    return fallBackOnRootImages(submanifestStartingAt("", false),
-                                [this](const std::string& image) { return files_->linkTarget(image); });
+    return fallBackOnRootImages(submanifestStartingAt("", false));
 }
 
 int Stripper3::stripInvisibles(const Value&) {

@@ -16,15 +16,9 @@ namespace whittle {
 
 Stripper3::Stripper3(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
                      const Value& options)
-    : bundleRoot_(files->root()),
-      files_(std::move(files)),
-      stripInfo_(Value::dictionary()),
-      stripOptions_(options.isDictionary() ? options.deepCopy() : Value::dictionary()),
+    : StripEngine(std::move(files), products, factoryVariants, options),
       buildManifest_(pathInBundle(kBuildManifest), [this] { return files_->readFile(kBuildManifest); }),
       restorePlist_(pathInBundle(kRestorePlist), [this] { return files_->readFile(kRestorePlist); }) {
-    stripInfo_.set("BundleRoot", Value::string(bundleRoot_));
-    if (products.isArray()) stripInfo_.set("Products", products.deepCopy());
-    if (factoryVariants.isArray()) stripInfo_.set("FactoryVariants", factoryVariants.deepCopy());
     manifestObservation_ = buildManifest_.addObserver(
         [this](std::string_view keyPath, const Value& newValue) { observeValueForKeyPath(keyPath, newValue); });
 }
@@ -57,8 +51,6 @@ bool Stripper3::loadBuildManifest() {
 std::string Stripper3::pathInBundle(std::string_view bundleRelativePath) const {
     return joinPath(bundleRoot_, bundleRelativePath);
 }
-
-bool Stripper3::option(std::string_view key) const { return boolForKey(stripOptions_, key); }
 
 Value Stripper3::requestedList(std::string_view key) const {
     Value list = stripInfo_.get(key);
@@ -182,18 +174,6 @@ int Stripper3::preanalyzeRequest() {
     appendClosingSteps(workList_, wholeRun, closingSteps);
     logWorkList(workList_);
     return 0;
-}
-
-bool Stripper3::checkUnpersonalized() const { return checksUnpersonalized(stripOptions_); }
-
-int Stripper3::stripCommonWork(const Value& item) {
-    static const char* const steps[] = {
-        "stripRestoreFirmwareDeviceMapDotTxt:", "stripRestoreFirmwareDeviceMapDotPlist:",
-        "stripRestoreFirmwareTargetMapDotTxt:", "stripRestoreFirmwarePlatformKeysDotPlist:",
-        "stripFWPKs:", "stripDebugFolder:", "stripHomeDiags:", "stripSDKs:", "stripBundleImages:",
-        "stripRestoreTools:", "stripFactoryDiskImage:",
-    };
-    return runSteps(steps, item);
 }
 
 }  // namespace whittle

@@ -25,23 +25,20 @@ using KeepList = std::unordered_set<std::string>;
 
 class Stripper3 : public StripEngine<Stripper3> {
 public:
+    static constexpr EngineStyle style{.bundleRootKey = "BundleRoot", .productsKey = "Products", .reportsLeftOut = false};
+
     Stripper3(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
               const Value& options);
     ~Stripper3() override;
 
-
     int strip() override;
     Value validProducts() override;
     Value validFactoryVariants() override;
-    Value bundleRoot() const override { return Value::string(bundleRoot_); }
     Value strippedManifest() override;
     Value modifiedFiles() override { return modifiedFilelist_; }
 
     // ---- request analysis and the work list ----
     int preanalyzeRequest();
-    bool checkUnpersonalized() const;
-    int stripCommonWork(const Value& item);
-    const Value& workList() const { return workList_; }
 
     // ---- valid products and variants ----
     Value factoryVariantsForDeviceClasses(const Value& deviceClasses);
@@ -66,8 +63,6 @@ public:
     int stripFirmwareMap(const Value& item, FirmwareMap map);
 
     // ---- bundle content ----
-    int keepOptionalFolder(const OptionalFolder& folder);
-    int keepOptionalLinkedImage(const OptionalLinkedImage& image);
     int stripFactoryDiskImage(const Value& item);
     int stripFWPKs(const Value& item);
     int stripRestoreTools(const Value& item);
@@ -77,8 +72,6 @@ public:
     void recordModifiedFile(const std::string& path, const Value& content) { modifiedFilelist_.set(path, content); }
 
     // ---- fields ----
-    const Value& stripInfo() const { return stripInfo_; }
-    const Value& stripOptions() const { return stripOptions_; }
     PropertyList& buildManifest() { return buildManifest_; }
     PropertyList& restorePlist() { return restorePlist_; }
     const Value& originalBuildIdentities() const { return originalBuildIdentities_; }
@@ -90,7 +83,6 @@ public:
 
 private:
 
-    bool option(std::string_view key) const;
     Value requestedList(std::string_view key) const;
     Value deviceClassesFor(std::string_view product) const;
     bool loadBuildManifest();
@@ -99,10 +91,6 @@ private:
 
     int chooseIdentities(const Value& item, Value& chosen);
 
-    std::string bundleRoot_;
-    std::shared_ptr<const BundleFiles> files_;
-    Value stripInfo_;
-    Value stripOptions_;
     PropertyList buildManifest_;
     PropertyList restorePlist_;
     PropertyList::ObserverToken manifestObservation_ = 0;
@@ -114,7 +102,6 @@ private:
     std::map<std::string, std::vector<std::string>> shallowPathContentsCache_;
     KeepList copiedFilelist_;
     Value modifiedFilelist_ = Value::dictionary();
-    Value workList_;
 };
 
 // The default engine's bundle as the shared file-list rules see it: listings through the

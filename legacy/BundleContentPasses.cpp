@@ -19,35 +19,7 @@ constexpr OptionalFolder kUnencryptedImages{nullptr, "UnencryptedImages", nullpt
 
 }  // namespace
 
-int Stripper2::keepOptionalFolder(const OptionalFolder& folder) {
-    // The folder and its direct entries, never deeper levels.
-    auto listing = submanifestStartingAt(folder.folder, false);
-    if (!folder.option || !option(folder.option)) {
-        if (!listing.empty()) Log(folder.scrubMessage, listing.size());
-        return 0;
-    }
-    if (!listing.empty()) Log(folder.foundMessage, listing.size());
-    keepPaths(listing);
-    return 0;
-}
-
 int Stripper2::stripUnencryptedImages(const Value&) { return keepOptionalFolder(kUnencryptedImages); }
-
-int Stripper2::keepOptionalLinkedImage(const OptionalLinkedImage& image) {
-    auto target = files_->linkTarget(image.link);
-    if (option(image.option)) {
-        // A plain file under the link's name is not kept.
-        std::vector<std::string> kept;
-        if (target) {
-            Log(image.foundMessage, *target);
-            kept = {*target, image.link};
-        }
-        keepPaths(kept);
-    } else if (target || bundleLists(image.link)) {
-        Log(image.scrubMessage);
-    }
-    return 0;
-}
 
 int Stripper2::stripBogusRestoreImagesInRootDirectory(const Value&) { return 0; }
 
@@ -103,7 +75,7 @@ int Stripper2::stripRestoreTools(const Value&) {
         keepPaths(kept);
         return result;
     }
-    return fallBackOnRootImages(rootNames, [this](const std::string& image) { return files_->linkTarget(image); });
+    return fallBackOnRootImages(rootNames);
 }
 
 // ---- invisibles, from the merged result ----

@@ -18,13 +18,7 @@ namespace whittle {
 
 Stripper2::Stripper2(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
                      const Value& options)
-    : bundleRoot_(files->root()),
-      files_(std::move(files)),
-      stripOptions_(options.isDictionary() ? options.deepCopy() : Value::dictionary()),
-      stripInfo_(Value::dictionary()) {
-    stripInfo_.set("bundleRoot", Value::string(bundleRoot_));
-    if (products.isArray()) stripInfo_.set("products", products.deepCopy());
-    if (factoryVariants.isArray()) stripInfo_.set("FactoryVariants", factoryVariants.deepCopy());
+    : StripEngine(std::move(files), products, factoryVariants, options) {
     // The only listing of the bundle: every later membership test is made against it.
     files_->listDeep("", originalManifest_);
     originalPaths_.insert(originalManifest_.begin(), originalManifest_.end());
@@ -37,11 +31,7 @@ int Stripper2::strip() {
     return performWork(Value());
 }
 
-bool Stripper2::option(std::string_view key) const { return boolForKey(stripOptions_, key); }
-
 bool Stripper2::checkPersonalized() const { return option("checkPersonalized"); }
-
-bool Stripper2::checkUnpersonalized() const { return checksUnpersonalized(stripOptions_); }
 
 void Stripper2::keepPaths(const std::vector<std::string>& paths) {
     strippedManifestsList_.append(Value::stringArray(paths));
@@ -196,18 +186,6 @@ int Stripper2::preanalyzeRequest() {
     appendClosingSteps(workList_, closing, closingSteps);
     logWorkList(workList_);
     return 0;
-}
-
-// ---- running the work list ----
-
-int Stripper2::stripCommonWork(const Value& item) {
-    static const char* const passes[] = {
-        "stripRestoreFirmwareDeviceMapDotTxt:", "stripRestoreFirmwareDeviceMapDotPlist:",
-        "stripRestoreFirmwareTargetMapDotTxt:", "stripRestoreFirmwarePlatformKeysDotPlist:",
-        "stripFWPKs:", "stripDebugFolder:", "stripUnencryptedImages:", "stripHomeDiags:", "stripSDKs:",
-        "stripBundleImages:", "stripBogusRestoreImagesInRootDirectory:", "stripRestoreTools:",
-    };
-    return runSteps(passes, item);
 }
 
 // ---- utilities ----

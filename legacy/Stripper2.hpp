@@ -21,6 +21,8 @@ namespace whittle {
 
 class Stripper2 : public StripEngine<Stripper2> {
 public:
+    static constexpr EngineStyle style{.bundleRootKey = "bundleRoot", .productsKey = "products", .reportsLeftOut = true};
+
     Stripper2(std::shared_ptr<const BundleFiles> files, const Value& products, const Value& factoryVariants,
               const Value& options);
 
@@ -30,7 +32,6 @@ public:
     int strip() override;
     Value validProducts() override;
     Value validFactoryVariants() override;
-    Value bundleRoot() const override { return Value::string(bundleRoot_); }
     // Both are unset (none) until the merge steps have run.
     Value strippedManifest() override { return strippedManifest_; }
     Value modifiedFiles() override { return modifiedFiles_; }
@@ -39,7 +40,6 @@ public:
     int preanalyzeRequest();
     Value factoryVariantsForDeviceClasses(const Value& deviceClasses, const Value& buildManifest) const;
     bool checkPersonalized() const;
-    bool checkUnpersonalized() const;
 
     // ---- per-item work ----
     int stripRestoreUsingTessera(const Value& item);
@@ -48,11 +48,7 @@ public:
     int stripBuildManifestWithoutTessera(const Value& item);
 
     // ---- support files ----
-    int stripCommonWork(const Value& item);
     int stripFirmwareMap(const Value& item, FirmwareMap map);
-    // A folder without an option is always scrubbed.
-    int keepOptionalFolder(const OptionalFolder& folder);
-    int keepOptionalLinkedImage(const OptionalLinkedImage& image);
     int stripFWPKs(const Value& item);
     int stripUnencryptedImages(const Value& item);
     int stripBogusRestoreImagesInRootDirectory(const Value& item);
@@ -80,8 +76,6 @@ public:
     bool bundleLists(const std::string& path) const { return originalPaths_.contains(path); }
 
     // ---- fields ----
-    const Value& stripInfo() const { return stripInfo_; }
-    const Value& stripOptions() const { return stripOptions_; }
     const std::vector<std::string>& originalManifest() const { return originalManifest_; }
     const Value& strippedManifestsList() const { return strippedManifestsList_; }
     void setStrippedManifestsList(Value list) { strippedManifestsList_ = std::move(list); }
@@ -89,12 +83,10 @@ public:
     void setModifiedFilesList(Value list) { modifiedFilesList_ = std::move(list); }
     void setStrippedManifest(Value manifest) { strippedManifest_ = std::move(manifest); }
     void setModifiedFiles(Value files) { modifiedFiles_ = std::move(files); }
-    const Value& workList() const { return workList_; }
     void setWorkList(Value list) { workList_ = std::move(list); }
 
 private:
 
-    bool option(std::string_view key) const;
     // Part of Restore.plist cut down to one item's product, processor, models, kernel-cache
     // kinds and system image type; none when it cannot be read. `report` says whether the
     // findings are logged.
@@ -105,17 +97,12 @@ private:
     // The manifest listing only these identities and the item's models.
     static Value buildManifestWithIdentities(const Value& buildManifest, const Value& identities, const Value& item);
 
-    std::string bundleRoot_;
-    std::shared_ptr<const BundleFiles> files_;
-    Value stripOptions_;
-    Value stripInfo_;
     std::vector<std::string> originalManifest_;
     std::unordered_set<std::string> originalPaths_;
     Value strippedManifest_;
     Value modifiedFiles_;
     Value strippedManifestsList_ = Value::array();
     Value modifiedFilesList_ = Value::array();
-    Value workList_;
 };
 
 }  // namespace whittle

@@ -15,7 +15,8 @@ class LegacyItems : public LegacyTest {
 protected:
     // The per-variant item that request analysis makes for x10ap and the variant.
     Value itemFor(Stripper2& stripper, const std::string& variant, const std::string& selector) {
-        Stripper2 analyzer(std::make_shared<FolderBundleFiles>(root()), strings({"x10"}), strings({variant}), options({"checkPersonalized", "checkUnpersonalized"}));
+        Stripper2 analyzer(std::make_shared<FolderBundleFiles>(root()), strings({"x10"}), strings({variant}),
+                           options({"checkPersonalized", "checkUnpersonalized"}));
         logged([&] { analyzer.preanalyzeRequest(); });
         (void)stripper;
         for (const auto& item : analyzer.workList().elements()) {
