@@ -2,13 +2,16 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <numeric>
 #include <vector>
 
 #include "driver/Interrupts.hpp"
@@ -167,14 +170,87 @@ std::vector<ByteRange> rangesOfKeptEntries(const ZipBundleFiles& files, const Va
     return ranges;
 }
 
-void logFetchedBytes(const ZipBundleFiles& files) {
-    if (isRemoteSource(files.archive().name())) {
-        Log(">>> NOTE: fetched %llu bytes of \"%@\".", static_cast<unsigned long long>(files.archive().source().bytesFetched()),
-            files.archive().name());
-    }
+std::uint64_t totalLength(const std::vector<ByteRange>& ranges) {
+    return std::accumulate(ranges.begin(), ranges.end(), std::uint64_t{0},
+                           [](std::uint64_t sum, const ByteRange& range) { return sum + range.length; });
+}
+
+// Announces the kept entries' stretches to the source, and their writing to the progress.
+void announceKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, FetchProgress* progress) {
+    auto ranges = rangesOfKeptEntries(files, keptPaths);
+    files.archive().source().willRead(ranges);
+    if (progress) progress->beginKeptEntries(keptPaths.count(), totalLength(ranges));
+}
+
+void writeToStandardError(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
+
+std::size_t terminalColumns(int fd) {
+    winsize size{};
+    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 }  // namespace
+
+FetchProgress::FetchProgress(ProgressLine::Sink sink, std::size_t width, ProgressLine::Clock clock)
+    : line_(std::move(sink), width, std::move(clock)) {}
+
+FetchProgress::~FetchProgress() {
+    if (source_) {
+        source_->onFetched({});
+        source_->onRequest({});
+    }
+    line_.end();
+}
+
+void FetchProgress::follow(HttpByteSource& source) {
+    source_ = &source;
+    fetched_ = source.bytesFetched();
+    source.onFetched([this](std::uint64_t fetchedSoFar, std::uint64_t) { fetched(fetchedSoFar); });
+    source.onRequest([this](const HttpRequestRecord&) { requestEnded(); });
+}
+
+void FetchProgress::fetched(std::uint64_t fetchedSoFar) {
+    fetched_ = fetchedSoFar;
+    if (ended_) return;
+    if (!line_.underWay()) line_.begin(std::string(kStep), 0, 0);
+    line_.update(pathsWritten_, fetched_ - fetchedBeforeStep_);
+}
+
+void FetchProgress::requestEnded() { line_.erase(); }
+
+void FetchProgress::beginKeptEntries(std::uint64_t paths, std::uint64_t bytes) {
+    if (ended_) return;
+    fetchedBeforeStep_ = fetched_;
+    pathsWritten_ = 0;
+    line_.begin(std::string(kStep), paths, bytes);
+}
+
+void FetchProgress::keptPathWritten() {
+    if (ended_) return;
+    line_.update(++pathsWritten_, fetched_ - fetchedBeforeStep_);
+}
+
+void FetchProgress::end() {
+    line_.end();
+    ended_ = true;
+}
+
+std::unique_ptr<FetchProgress> fetchProgressOnTerminal(const ZipBundleFiles& files) {
+    auto* remote = dynamic_cast<HttpByteSource*>(&files.archive().source());
+    if (!remote || ::isatty(STDERR_FILENO) != 1) return nullptr;
+    auto progress = std::make_unique<FetchProgress>(writeToStandardError, terminalColumns(STDERR_FILENO));
+    progress->follow(*remote);
+    return progress;
+}
+
+void noteBytesFetched(const ZipBundleFiles& files) {
+    if (!isRemoteSource(files.archive().name())) return;
+    Log(">>> NOTE: fetched %llu bytes of \"%@\".", static_cast<unsigned long long>(files.archive().source().bytesFetched()),
+        files.archive().name());
+}
 
 std::optional<std::string> UnreadableBundleFiles::readFile(std::string_view, int* error) const {
     if (error) *error = ENOENT;
@@ -208,17 +284,19 @@ std::shared_ptr<ZipBundleFiles> openArchiveBundle(const std::string& source) {
     return std::make_shared<ZipBundleFiles>(archive);
 }
 
-int extractKeptPaths(const ZipBundleFiles& files, const Value& keptPaths, const std::string& destination) {
+int extractKeptPaths(const ZipBundleFiles& files, const Value& keptPaths, const std::string& destination,
+                     FetchProgress* progress) {
     ::mkdir(destination.c_str(), 0755);
     UniqueDescriptor root(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     Extraction extraction(files, root.get());
     bool done = root.valid();
-    if (done) files.archive().source().willRead(rangesOfKeptEntries(files, keptPaths));
+    if (done) announceKeptEntries(files, keptPaths, progress);
     for (const auto& path : keptPaths.elements()) {
         if (!done || interrupted()) break;
         done = extraction.extract(std::string(path.text()));
+        if (done && progress) progress->keptPathWritten();
     }
-    logFetchedBytes(files);
+    if (progress) progress->end();
     if (interrupted()) return 128 + stopSignal();
     if (!done) {
         Log("XXX ERROR: copying manifest to target failed.");
@@ -230,12 +308,13 @@ int extractKeptPaths(const ZipBundleFiles& files, const Value& keptPaths, const 
     return 0;
 }
 
-int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const std::string& zipPath) {
+int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const std::string& zipPath,
+                    FetchProgress* progress) {
     int fd = ::open(zipPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     std::string error = fd < 0 ? format("\"%@\" cannot be made - %@", zipPath, std::string(std::strerror(errno))) : "";
     UniqueDescriptor output(fd);
     ZipRawWriter writer(fd);
-    if (fd >= 0) files.archive().source().willRead(rangesOfKeptEntries(files, keptPaths));
+    if (fd >= 0) announceKeptEntries(files, keptPaths, progress);
     for (const auto& path : keptPaths.elements()) {
         if (!error.empty() || interrupted()) break;
         std::string name(path.text());
@@ -248,8 +327,9 @@ int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const s
         } else {
             writer.addEntry(files.archive(), *item->entry, name, error);
         }
+        if (error.empty() && progress) progress->keptPathWritten();
     }
-    logFetchedBytes(files);
+    if (progress) progress->end();
     if (interrupted()) return 128 + stopSignal();
     if (error.empty()) writer.finish(error);
     if (!error.empty()) {
