@@ -170,6 +170,21 @@ std::vector<ByteRange> rangesOfKeptEntries(const ZipBundleFiles& files, const Va
     return ranges;
 }
 
+// The kept paths in the order their entries lie in the archive (paths without an entry
+// of their own first), so that the archive is read front to back: a far source then
+// serves each entry from what it fetched ahead instead of fetching it again.
+std::vector<std::string> inArchiveOrder(const ZipBundleFiles& files, const Value& keptPaths) {
+    std::vector<std::pair<std::uint64_t, std::string>> placed;
+    for (const auto& path : keptPaths.elements()) {
+        auto item = files.itemAt(path.text());
+        placed.emplace_back(item && item->entry ? item->entry->localHeaderOffset + 1 : 0, std::string(path.text()));
+    }
+    std::stable_sort(placed.begin(), placed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<std::string> paths;
+    for (auto& [offset, path] : placed) paths.push_back(std::move(path));
+    return paths;
+}
+
 std::uint64_t totalLength(const std::vector<ByteRange>& ranges) {
     return std::accumulate(ranges.begin(), ranges.end(), std::uint64_t{0},
                            [](std::uint64_t sum, const ByteRange& range) { return sum + range.length; });
@@ -180,6 +195,17 @@ void announceKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, Fe
     auto ranges = rangesOfKeptEntries(files, keptPaths);
     files.archive().source().willRead(ranges);
     if (progress) progress->beginKeptEntries(keptPaths.count(), totalLength(ranges));
+}
+
+// Why writing the kept entries stopped: the archive that could not be read any more
+// (an error of its own), or what went wrong with the entry or the writing.
+void explainWriteFailure(const ZipBundleFiles& files, const std::string& failure) {
+    std::string sourceFailure = files.archive().source().lastFailure();
+    if (sourceFailure.empty()) {
+        Log("!!! NOTE: %@.", failure);
+    } else {
+        Log("XXX ERROR: %@.", sourceFailure);
+    }
 }
 
 void writeToStandardError(std::string_view text) {
@@ -291,17 +317,20 @@ int extractKeptPaths(const ZipBundleFiles& files, const Value& keptPaths, const 
     Extraction extraction(files, root.get());
     bool done = root.valid();
     if (done) announceKeptEntries(files, keptPaths, progress);
-    for (const auto& path : keptPaths.elements()) {
+    for (const auto& path : inArchiveOrder(files, keptPaths)) {
         if (!done || interrupted()) break;
-        done = extraction.extract(std::string(path.text()));
+        done = extraction.extract(path);
         if (done && progress) progress->keptPathWritten();
     }
     if (progress) progress->end();
     if (interrupted()) return 128 + stopSignal();
     if (!done) {
         Log("XXX ERROR: copying manifest to target failed.");
-        Log("!!! NOTE: %@.", !root.valid() ? format("\"%@\" cannot be opened - %@", destination, std::string(std::strerror(errno)))
-                                          : extraction.failure());
+        if (!root.valid()) {
+            Log("!!! NOTE: \"%@\" cannot be opened - %@.", destination, std::string(std::strerror(errno)));
+        } else {
+            explainWriteFailure(files, extraction.failure());
+        }
         return 1;
     }
     extraction.settleFolderTimes();
@@ -315,9 +344,8 @@ int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const s
     UniqueDescriptor output(fd);
     ZipRawWriter writer(fd);
     if (fd >= 0) announceKeptEntries(files, keptPaths, progress);
-    for (const auto& path : keptPaths.elements()) {
+    for (const auto& name : inArchiveOrder(files, keptPaths)) {
         if (!error.empty() || interrupted()) break;
-        std::string name(path.text());
         auto item = files.itemAt(name);
         if (!item) {
             error = format("\"%@\" is not in the archive", name);
@@ -334,7 +362,7 @@ int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const s
     if (error.empty()) writer.finish(error);
     if (!error.empty()) {
         Log("XXX ERROR: unable to create final ZIP archive.");
-        Log("!!! NOTE: %@.", error);
+        explainWriteFailure(files, error);
         return 1;
     }
     return 0;

@@ -97,9 +97,13 @@ public:
     // stops the reading (false with `error` empty).
     bool streamEntry(const ZipEntry& entry, const std::function<bool(std::string_view)>& sink,
                      std::string& error) const;
-    // Where the entry's stored (compressed) bytes lie, from its local header, for
-    // copying them as they are.
+    // Where the entry's stored (compressed) bytes lie, from its local header.
     bool dataRange(const ZipEntry& entry, ByteRange& range, std::string& error) const;
+    // Hands the entry's stored (compressed) bytes to `sink` piece by piece, as they
+    // are, for copying them into another archive. False with the reason in `error`
+    // (empty when the sink stopped the reading).
+    bool streamStored(const ZipEntry& entry, const std::function<bool(std::string_view)>& sink,
+                      std::string& error) const;
 
 private:
     explicit ZipArchive(std::shared_ptr<ByteSource> source) : source_(std::move(source)) {}
@@ -109,6 +113,8 @@ private:
         std::string prefetched;  // the entry's first stored bytes, when they came with the header
     };
     bool locateData(const ZipEntry& entry, DataStart& start, std::string& error) const;
+    bool feedStored(const ZipEntry& entry, const DataStart& start, const std::function<bool(std::string_view)>& sink,
+                    std::string& error) const;
     std::string entryError(const ZipEntry& entry, std::string_view reason) const;
 
     std::shared_ptr<ByteSource> source_;

@@ -104,13 +104,11 @@ bool ZipRawWriter::writeLocalHeader(const Written& entry, std::string& error) {
 
 bool ZipRawWriter::addEntry(const ZipArchive& archive, const ZipEntry& entry, const std::string& name,
                             std::string& error) {
-    ByteRange stored;
-    if (!archive.dataRange(entry, stored, error)) return false;
     Written written{name, entry.method, entry.crc32, entry.compressedSize, entry.uncompressedSize, offset_,
                     entry.unixMode, entry.modified};
     if (!writeLocalHeader(written, error)) return false;
     std::string writeError;
-    bool copied = archive.source().stream(stored, [&](std::string_view piece) { return writeBytes(piece, writeError); }, error);
+    bool copied = archive.streamStored(entry, [&](std::string_view piece) { return writeBytes(piece, writeError); }, error);
     if (!copied) {
         if (error.empty()) error = writeError;
         return false;
