@@ -196,7 +196,8 @@ protected:
 
 // What the archive says a run should fetch at most: the kept entries' stored bytes
 // with their local headers, the central directory with the end records, and the
-// entries read to analyse the bundle (manifests and maps).
+// entries read to analyse the bundle (manifests and maps, and the links, whose
+// targets are read when the archive is opened), with 1% more.
 struct FetchBound {
     std::uint64_t keptBytes = 0;
     std::uint64_t directoryBytes = 0;
@@ -225,7 +226,7 @@ FetchBound fetchBoundOf(const std::string& archivePath, const std::set<std::stri
         directoryStart = std::min(directoryStart, entry.extentLimit);
         if (entry.isFolder) continue;
         if (keptPaths.contains(entry.path)) bound.keptBytes += extent;
-        if (isReadForAnalysis(entry.path)) bound.analysisBytes += extent;
+        if (entry.isSymlink || isReadForAnalysis(entry.path)) bound.analysisBytes += extent;
     }
     // The last entry's extent ends where the central directory begins.
     for (const ZipEntry& entry : archive->entries()) directoryStart = std::max(directoryStart, entry.extentLimit);

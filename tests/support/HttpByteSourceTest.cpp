@@ -490,3 +490,17 @@ TEST(HttpByteSourceAnswers, WholeAnswerToALaterRequestOfTheSameFileMeansNoRanges
     EXPECT_EQ(error, reasonFor(server, "the server does not honour byte ranges"));
     EXPECT_EQ(source->bytesFetched(), 100u);
 }
+
+TEST(HttpByteSourceAnswers, LastFailureTellsWhyTheLatestReadFailedAtTheServer) {
+    ScriptedServer server({{partial(kContent, 900, 999)}, {partial(kContent, 0, 49)}, {partial(kContent, 0, 99)}});
+    std::string error, out;
+    auto source = HttpByteSource::open(server.url(), error, quickLimits());
+    ASSERT_TRUE(source) << error;
+    EXPECT_EQ(source->lastFailure(), "");
+    EXPECT_FALSE(source->read(0, 100, out, error));
+    EXPECT_EQ(source->lastFailure(), reasonFor(server, "the server sent 50 bytes where 100 were asked"));
+    ASSERT_TRUE(source->read(0, 100, out, error)) << error;
+    EXPECT_EQ(source->lastFailure(), "");
+    EXPECT_FALSE(source->read(990, 20, out, error));
+    EXPECT_EQ(source->lastFailure(), "") << "a read past the end is the reader's mistake, not the server's";
+}
