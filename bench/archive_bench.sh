@@ -46,7 +46,7 @@ nginx=$(command -v nginx || echo /usr/sbin/nginx)
 [ -x "$nginx" ] || { echo "nginx is not installed (scripts/install-deps installs it)" >&2; exit 2; }
 if [ -z "$work" ]; then
   work=$(mktemp -d /var/tmp/whittle-archive-bench-work.XXXXXX)
-  trap 'kill "$(cat "$work/nginx/nginx.pid" 2>/dev/null)" 2>/dev/null || true; rm -rf "$work"' EXIT
+  trap 'rm -rf "$work"' EXIT
 fi
 mkdir -p "$work" "$cache"
 request=(--product x10 --product x30 --factory repair)
@@ -80,7 +80,8 @@ if [ ! -f "$archive" ] || [ "$(cat "$cache/stamp" 2>/dev/null)" != "$stamp" ]; t
   "$build/whittle-bundlegen" "$bundle" --product x10:repair,ss --product x30:repair --extra 3 --bytes "$bytes" > /dev/null
   # Every payload becomes random text: lines of base64.
   find "$bundle" -type f -size "${bytes}c" -print0 | while IFS= read -r -d '' payload; do
-    head -c $((bytes * 3 / 4)) /dev/urandom | base64 -w 76 | head -c "$bytes" > "$payload"
+    head -c $((bytes * 3 / 4)) /dev/urandom | base64 -w 76 > "$payload"
+    truncate -s "$bytes" "$payload"
   done
   (cd "$bundle" && zip -q -r -y "$archive" .)
   echo "$stamp" > "$cache/stamp"
@@ -120,7 +121,7 @@ ln -f "$archive" "$work/nginx/www/bundle.zip" 2>/dev/null || cp "$archive" "$wor
 port=$(( 20000 + RANDOM % 20000 ))
 d=$work/nginx
 cat > "$d/nginx.conf" <<EOF
-daemon on; worker_processes 1; pid $d/nginx.pid; error_log $d/error.log;
+daemon off; master_process off; worker_processes 1; pid $d/nginx.pid; error_log $d/error.log;
 events { worker_connections 64; }
 http {
   log_format counted '\$status \$body_bytes_sent \$request_uri';
@@ -130,10 +131,16 @@ http {
   server { listen 127.0.0.1:$port; root $d/www; }
 }
 EOF
-"$nginx" -e "$d/error.log" -p "$d" -c "$d/nginx.conf"
-remote_time=$(seconds "$build/whittle" "http://127.0.0.1:$port/bundle.zip" "$work/remote" "${request[@]}")
+"$nginx" -e "$d/error.log" -p "$d" -c "$d/nginx.conf" &
+server=$!
+for _ in $(seq 1 100); do (echo > "/dev/tcp/127.0.0.1/$port") 2> /dev/null && break; sleep 0.05; done
+start=$(now)
+"$build/whittle" "http://127.0.0.1:$port/bundle.zip" "$work/remote" "${request[@]}" > "$work/remote.txt" 2>&1 ||
+  { echo "the remote run failed:" >&2; cat "$work/remote.txt" >&2; kill "$server"; exit 1; }
+remote_time=$(awk -v a="$start" -v b="$(now)" 'BEGIN { printf "%.3f", b - a }')
 sleep 0.2
-kill "$(cat "$d/nginx.pid")"
+kill "$server"
+wait "$server" 2> /dev/null || true
 served=$(awk '{ sum += $2 } END { print sum + 0 }' "$d/access.log")
 requests=$(wc -l < "$d/access.log")
 
