@@ -304,6 +304,13 @@ TEST_F(RemoteArchive, VerboseRunsSayHowManyBytesWereFetched) {
     EXPECT_TRUE(contains(target.out, targetNote)) << target.out;
     std::string log = readFile(kLogFile);
     EXPECT_EQ(log.find(">>> NOTE: fetched"), log.rfind(">>> NOTE: fetched")) << "said once";
+
+    ProgramResult report = whittle({url(), "--validProducts", "--verbose"});
+    ASSERT_EQ(report.status, 0) << report.out;
+    EXPECT_TRUE(contains(readFile(kLogFile), ">>> NOTE: fetched ")) << report.out;
+    ProgramResult quietReport = whittle({url(), "--validProducts"});
+    ASSERT_EQ(quietReport.status, 0) << quietReport.out;
+    EXPECT_FALSE(contains(quietReport.out + readFile(kLogFile), "fetched")) << quietReport.out;
 }
 
 TEST_F(RemoteArchive, OnATerminalALiveLineShowsTheBytesFetchedAndIsErased) {
