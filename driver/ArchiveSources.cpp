@@ -2,14 +2,17 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <set>
+#include <numeric>
 #include <vector>
 
 #include "driver/Interrupts.hpp"
@@ -184,14 +187,113 @@ std::vector<ByteRange> rangesOfKeptEntries(const ZipBundleFiles& files, const Va
     return ranges;
 }
 
-void logFetchedBytes(const ZipBundleFiles& files) {
-    if (isRemoteSource(files.archive().name())) {
-        Log(">>> NOTE: fetched %llu bytes of \"%@\".", static_cast<unsigned long long>(files.archive().source().bytesFetched()),
-            files.archive().name());
+// The kept paths in the order their entries lie in the archive (paths without an entry
+// of their own first), so that the archive is read front to back: a far source then
+// serves each entry from what it fetched ahead instead of fetching it again.
+std::vector<std::string> inArchiveOrder(const ZipBundleFiles& files, const Value& keptPaths) {
+    std::vector<std::pair<std::uint64_t, std::string>> placed;
+    for (const auto& path : keptPaths.elements()) {
+        auto item = files.itemAt(path.text());
+        placed.emplace_back(item && item->entry ? item->entry->localHeaderOffset + 1 : 0, std::string(path.text()));
+    }
+    std::stable_sort(placed.begin(), placed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<std::string> paths;
+    for (auto& [offset, path] : placed) paths.push_back(std::move(path));
+    return paths;
+}
+
+std::uint64_t totalLength(const std::vector<ByteRange>& ranges) {
+    return std::accumulate(ranges.begin(), ranges.end(), std::uint64_t{0},
+                           [](std::uint64_t sum, const ByteRange& range) { return sum + range.length; });
+}
+
+// Announces the kept entries' stretches to the source, and their writing to the progress.
+void announceKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, FetchProgress* progress) {
+    auto ranges = rangesOfKeptEntries(files, keptPaths);
+    files.archive().source().willRead(ranges);
+    if (progress) progress->beginKeptEntries(keptPaths.count(), totalLength(ranges));
+}
+
+// Why writing the kept entries stopped: the archive that could not be read any more
+// (an error of its own), or what went wrong with the entry or the writing.
+void explainWriteFailure(const ZipBundleFiles& files, const std::string& failure) {
+    std::string sourceFailure = files.archive().source().lastFailure();
+    if (sourceFailure.empty()) {
+        Log("!!! NOTE: %@.", failure);
+    } else {
+        Log("XXX ERROR: %@.", sourceFailure);
     }
 }
 
+void writeToStandardError(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
+
+std::size_t terminalColumns(int fd) {
+    winsize size{};
+    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
 }  // namespace
+
+FetchProgress::FetchProgress(ProgressLine::Sink sink, std::size_t width, ProgressLine::Clock clock)
+    : line_(std::move(sink), width, std::move(clock)) {}
+
+FetchProgress::~FetchProgress() {
+    if (source_) {
+        source_->onFetched({});
+        source_->onRequest({});
+    }
+    line_.end();
+}
+
+void FetchProgress::follow(HttpByteSource& source) {
+    source_ = &source;
+    fetched_ = source.bytesFetched();
+    source.onFetched([this](std::uint64_t fetchedSoFar, std::uint64_t) { fetched(fetchedSoFar); });
+    source.onRequest([this](const HttpRequestRecord&) { requestEnded(); });
+}
+
+void FetchProgress::fetched(std::uint64_t fetchedSoFar) {
+    fetched_ = fetchedSoFar;
+    if (ended_) return;
+    if (!line_.underWay()) line_.begin(std::string(kStep), 0, 0);
+    line_.update(pathsWritten_, fetched_ - fetchedBeforeStep_);
+}
+
+void FetchProgress::requestEnded() { line_.erase(); }
+
+void FetchProgress::beginKeptEntries(std::uint64_t paths, std::uint64_t bytes) {
+    if (ended_) return;
+    fetchedBeforeStep_ = fetched_;
+    pathsWritten_ = 0;
+    line_.begin(std::string(kStep), paths, bytes);
+}
+
+void FetchProgress::keptPathWritten() {
+    if (ended_) return;
+    line_.update(++pathsWritten_, fetched_ - fetchedBeforeStep_);
+}
+
+void FetchProgress::end() {
+    line_.end();
+    ended_ = true;
+}
+
+std::unique_ptr<FetchProgress> fetchProgressOnTerminal(const ZipBundleFiles& files) {
+    auto* remote = dynamic_cast<HttpByteSource*>(&files.archive().source());
+    if (!remote || ::isatty(STDERR_FILENO) != 1) return nullptr;
+    auto progress = std::make_unique<FetchProgress>(writeToStandardError, terminalColumns(STDERR_FILENO));
+    progress->follow(*remote);
+    return progress;
+}
+
+void noteBytesFetched(const ZipBundleFiles& files) {
+    if (!isRemoteSource(files.archive().name())) return;
+    Log(">>> NOTE: fetched %llu bytes of \"%@\".", static_cast<unsigned long long>(files.archive().source().bytesFetched()),
+        files.archive().name());
+}
 
 std::optional<std::string> UnreadableBundleFiles::readFile(std::string_view, int* error) const {
     if (error) *error = ENOENT;
@@ -227,34 +329,40 @@ std::shared_ptr<ZipBundleFiles> openArchiveBundle(const std::string& source) {
     return std::make_shared<ZipBundleFiles>(archive);
 }
 
-int extractKeptPaths(const ZipBundleFiles& files, const Value& keptPaths, const std::string& destination) {
+int extractKeptPaths(const ZipBundleFiles& files, const Value& keptPaths, const std::string& destination,
+                     FetchProgress* progress) {
     ::mkdir(destination.c_str(), 0755);
     UniqueDescriptor root(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     Extraction extraction(files, root.get());
     bool done = root.valid();
-    if (done) files.archive().source().willRead(rangesOfKeptEntries(files, keptPaths));
-    for (const auto& path : keptPaths.elements()) {
+    if (done) announceKeptEntries(files, keptPaths, progress);
+    for (const auto& path : inArchiveOrder(files, keptPaths)) {
         if (!done || interrupted()) break;
-        done = extraction.extract(std::string(path.text()));
+        done = extraction.extract(path);
+        if (done && progress) progress->keptPathWritten();
     }
-    logFetchedBytes(files);
+    if (progress) progress->end();
     if (interrupted()) return 128 + stopSignal();
     if (!done) {
         Log("XXX ERROR: copying manifest to target failed.");
-        Log("!!! NOTE: %@.", !root.valid() ? format("\"%@\" cannot be opened - %@", destination, std::string(std::strerror(errno)))
-                                          : extraction.failure());
+        if (!root.valid()) {
+            Log("!!! NOTE: \"%@\" cannot be opened - %@.", destination, std::string(std::strerror(errno)));
+        } else {
+            explainWriteFailure(files, extraction.failure());
+        }
         return 1;
     }
     extraction.settleFolderTimes();
     return 0;
 }
 
-int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const std::string& zipPath) {
+int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const std::string& zipPath,
+                    FetchProgress* progress) {
     int fd = ::open(zipPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     std::string error = fd < 0 ? format("\"%@\" cannot be made - %@", zipPath, std::string(std::strerror(errno))) : "";
     UniqueDescriptor output(fd);
     ZipRawWriter writer(fd);
-    if (fd >= 0) files.archive().source().willRead(rangesOfKeptEntries(files, keptPaths));
+    if (fd >= 0) announceKeptEntries(files, keptPaths, progress);
     std::set<std::string> foldersAdded;
     auto addFolder = [&](const std::string& name, const ZipEntry* entry) {
         if (!foldersAdded.insert(name).second) return;
@@ -273,9 +381,8 @@ int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const s
             if (item && item->kind == ZipBundleFiles::ItemKind::Folder) addFolder(*parent, item->entry);
         }
     };
-    for (const auto& path : keptPaths.elements()) {
+    for (const auto& name : inArchiveOrder(files, keptPaths)) {
         if (!error.empty() || interrupted()) break;
-        std::string name(path.text());
         auto item = files.itemAt(name);
         if (!item) {
             error = format("\"%@\" is not in the archive", name);
@@ -288,13 +395,14 @@ int copyKeptEntries(const ZipBundleFiles& files, const Value& keptPaths, const s
         } else {
             writer.addEntry(files.archive(), *item->entry, name, error);
         }
+        if (error.empty() && progress) progress->keptPathWritten();
     }
-    logFetchedBytes(files);
+    if (progress) progress->end();
     if (interrupted()) return 128 + stopSignal();
     if (error.empty()) writer.finish(error);
     if (!error.empty()) {
         Log("XXX ERROR: unable to create final ZIP archive.");
-        Log("!!! NOTE: %@.", error);
+        explainWriteFailure(files, error);
         return 1;
     }
     return 0;

@@ -110,6 +110,7 @@ private:
     int applyModifiedFilesTo(Stripper& engine, const std::string& folder, std::optional<timespec> accessTime = std::nullopt);
     std::string temporaryFolder() const;
     std::string temporaryBundleFolder() const;
+    void noteBytesFetched();
     void noteInterruption();
     int finishInterrupted();
     void cleanUp();
@@ -124,6 +125,8 @@ private:
     PlatformTools tools_;
     // The bundle the engines read, opened once the source is known (after a mount).
     std::shared_ptr<const BundleFiles> sourceFiles_;
+    // The live line of a remote source's fetching, on a terminal.
+    std::unique_ptr<FetchProgress> fetchProgress_;
     int status_ = 0;
     std::string deviceEntry_;
     bool previouslyMounted_ = false;
@@ -142,6 +145,7 @@ int Run::execute() {
         reportMissingRestoreFolder();
         next = runEngine();
     }
+    noteBytesFetched();
     if (interrupted()) return finishInterrupted();
     if (next != Next::SaveLog) eject();
     return status_;
@@ -219,7 +223,10 @@ Run::Next Run::mountSource() {
 // ---- steps 2 to 9 ----
 
 std::shared_ptr<const BundleFiles> Run::sourceFiles() {
-    if (!sourceFiles_) sourceFiles_ = services_.openBundle(*request_.source);
+    if (sourceFiles_) return sourceFiles_;
+    sourceFiles_ = services_.openBundle(*request_.source);
+    if (const auto* archive = dynamic_cast<const ZipBundleFiles*>(sourceFiles_.get()))
+        fetchProgress_ = fetchProgressOnTerminal(*archive);
     return sourceFiles_;
 }
 
@@ -457,7 +464,8 @@ int Run::writeZipTarget(Stripper& engine) {
     temporaryItems_.push_back(temporaryFolder());
     if (const auto* archive = sourceArchive()) {
         Log(">>> creating ZIP archive \"%@\".", name);
-        if (int status = copyKeptEntries(*archive, engine.strippedManifest(), stagedTarget_)) return status;
+        if (int status = copyKeptEntries(*archive, engine.strippedManifest(), stagedTarget_, fetchProgress_.get()))
+            return status;
         if (interrupted()) return 128 + stopSignal();
         return updateAndChecksumZipTarget(engine);
     }
@@ -532,7 +540,8 @@ int Run::writeDiskImageTarget(Stripper& engine) {
 
 // The kept paths, out of the source folder through a BOM, or out of the source archive.
 int Run::copyKeptPaths(Stripper& engine, const std::string& destination) {
-    if (const auto* archive = sourceArchive()) return extractKeptPaths(*archive, engine.strippedManifest(), destination);
+    if (const auto* archive = sourceArchive())
+        return extractKeptPaths(*archive, engine.strippedManifest(), destination, fetchProgress_.get());
     return copyBundleThroughBom(tools_, engine, destination);
 }
 
@@ -542,6 +551,13 @@ int Run::writeFolderTarget(Stripper& engine) {
     if (interrupted()) return 128 + stopSignal();
     Log(">>> updating files in \"%@\".", lastPathComponent(*request_.target));
     return applyModifiedFilesTo(engine, stagedTarget_);
+}
+
+// With --verbose, a remote source's bytes fetched, at the end of every run that read it.
+void Run::noteBytesFetched() {
+    if (fetchProgress_) fetchProgress_->end();
+    if (verboseMode != 1) return;
+    if (const auto* archive = dynamic_cast<const ZipBundleFiles*>(sourceFiles_.get())) whittle::noteBytesFetched(*archive);
 }
 
 // ---- interruptions ----

@@ -89,13 +89,26 @@ void ZipBundleFiles::warnLeftOut(const ZipEntry& entry, std::string_view reason)
     warnZipEntryLeftOut(archive_->name(), entry.storedName, reason);
 }
 
+// An entry that cannot be read is warned about; when the archive itself could not be
+// read (a far server that failed or changed the file), that is an error of the whole
+// archive, said once.
+void ZipBundleFiles::reportReadFailure(const std::string& reason) const {
+    std::string sourceFailure = archive_->source().lastFailure();
+    if (sourceFailure.empty()) {
+        Log("!!! WARNING: %@", reason);
+    } else if (!sourceFailureSaid_) {
+        Log("XXX ERROR: %@.", sourceFailure);
+        sourceFailureSaid_ = true;
+    }
+}
+
 void ZipBundleFiles::addEntry(const ZipEntry& entry, std::string_view relative) {
     ItemKind kind = entry.isFolder ? ItemKind::Folder : entry.isSymlink ? ItemKind::Link : ItemKind::File;
     std::string linkText;
     if (kind == ItemKind::Link) {
         std::string error;
         if (!archive_->readEntry(entry, linkText, error, ZipArchive::kMaxLinkLength)) {
-            Log("!!! WARNING: %@", error);
+            reportReadFailure(error);
             return;
         }
         // No link on disk can hold these.
@@ -207,7 +220,7 @@ std::optional<std::string> ZipBundleFiles::readFile(std::string_view relative, i
     std::string content;
     std::string reason;
     if (!archive_->readEntry(entry, content, reason, kMaxWholeRead)) {
-        Log("!!! WARNING: %@", reason);
+        reportReadFailure(reason);
         return fail(EIO);
     }
     return content;

@@ -79,10 +79,12 @@ private:
     Resolution resolve(std::string_view relative, bool followLastLink) const;
     void noteEscape(const std::string& step) const;
     void warnLeftOut(const ZipEntry& entry, std::string_view reason) const;
+    void reportReadFailure(const std::string& reason) const;
 
     std::shared_ptr<const ZipArchive> archive_;
     std::string prefix_;
     std::unique_ptr<Node> rootNode_;
+    mutable bool sourceFailureSaid_ = false;
 };
 
 }  // namespace whittle

@@ -41,6 +41,11 @@ public:
 
     // Bytes brought from the far side so far (for a near source, bytes read).
     virtual std::uint64_t bytesFetched() const = 0;
+
+    // When the latest read or stream failed because the far side could not be read
+    // (a server that failed, went silent or changed the file), the reason; empty
+    // otherwise, and always for a near source.
+    virtual std::string lastFailure() const { return {}; }
 };
 
 }  // namespace whittle

@@ -238,6 +238,7 @@ bool HttpByteSource::read(std::uint64_t offset, std::size_t length, std::string&
 bool HttpByteSource::stream(const ByteRange& range, const std::function<bool(std::string_view)>& sink,
                             std::string& error) {
     error.clear();
+    lastFailure_.clear();
     if (range.offset > size_ || range.length > size_ - range.offset) {
         error = failure("bytes " + std::to_string(range.offset) + " to " +
                         std::to_string(range.offset + range.length) + " lie past its end (" +
@@ -253,7 +254,9 @@ bool HttpByteSource::stream(const ByteRange& range, const std::function<bool(std
         offset = upTo;
     }
     if (offset == end) return true;
-    return fetch(offset, end, fetchEndFor(offset, end), sink, error);
+    bool fetched = fetch(offset, end, fetchEndFor(offset, end), sink, error);
+    if (!fetched) lastFailure_ = error;
+    return fetched;
 }
 
 void HttpByteSource::willRead(const std::vector<ByteRange>& ranges) {

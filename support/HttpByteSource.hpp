@@ -72,6 +72,7 @@ public:
     // ahead, to the end of the merged range they fall in (within readAheadBytes).
     void willRead(const std::vector<ByteRange>& ranges) override;
     std::uint64_t bytesFetched() const override { return bytesFetched_; }
+    std::string lastFailure() const override { return lastFailure_; }
 
     // Requests made so far, redirects included.
     std::uint64_t requestCount() const { return requestCount_; }
@@ -123,6 +124,7 @@ private:
     std::uint64_t windowOffset_ = 0;
     std::string window_;
     std::uint64_t bytesFetched_ = 0;
+    std::string lastFailure_;
     std::uint64_t requestCount_ = 0;
     FetchObserver fetchObserver_;
     RequestObserver requestObserver_;

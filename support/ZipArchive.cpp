@@ -479,6 +479,16 @@ bool ZipArchive::locateData(const ZipEntry& entry, DataStart& start, std::string
     return true;
 }
 
+// The bytes that came with the local header first, then the rest from where that read
+// ended: a far source that fetched ahead serves the rest from what it already holds.
+bool ZipArchive::feedStored(const ZipEntry& entry, const DataStart& start,
+                            const std::function<bool(std::string_view)>& sink, std::string& error) const {
+    if (!start.prefetched.empty() && !sink(start.prefetched)) return false;
+    std::uint64_t rest = entry.compressedSize - start.prefetched.size();
+    if (rest == 0) return true;
+    return source_->stream({start.offset + start.prefetched.size(), rest}, sink, error);
+}
+
 bool ZipArchive::dataRange(const ZipEntry& entry, ByteRange& range, std::string& error) const {
     DataStart start;
     if (!locateData(entry, start, error)) return false;
@@ -586,14 +596,8 @@ bool ZipArchive::streamEntry(const ZipEntry& entry, const std::function<bool(std
     DataStart start;
     if (!locateData(entry, start, error)) return false;
     EntryDecoder decoder(entry, sink);
-    bool fed = true;
     std::string readError;
-    if (start.prefetched.size() == entry.compressedSize) {
-        fed = decoder.feed(start.prefetched);
-    } else {
-        fed = source_->stream({start.offset, entry.compressedSize}, [&](std::string_view piece) { return decoder.feed(piece); },
-                              readError);
-    }
+    bool fed = feedStored(entry, start, [&](std::string_view piece) { return decoder.feed(piece); }, readError);
     if (fed && decoder.finish()) return true;
     if (!decoder.problem().empty()) {
         error = entryError(entry, decoder.problem());
@@ -612,9 +616,8 @@ bool ZipArchive::copyStoredBytes(const ZipEntry& entry, const std::function<bool
     const std::function<bool(std::string_view)> discard = [](std::string_view) { return true; };
     EntryDecoder checker(entry, discard);
     std::string readError;
-    bool copied = source_->stream({start.offset, entry.compressedSize}, [&](std::string_view piece) {
-        return checker.feed(piece) && sink(piece);
-    }, readError);
+    bool copied = feedStored(entry, start, [&](std::string_view piece) { return checker.feed(piece) && sink(piece); },
+                             readError);
     if (copied && checker.finish()) return true;
     if (!checker.problem().empty()) {
         error = entryError(entry, checker.problem());

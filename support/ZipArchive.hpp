@@ -98,8 +98,7 @@ public:
     // stops the reading (false with `error` empty).
     bool streamEntry(const ZipEntry& entry, const std::function<bool(std::string_view)>& sink,
                      std::string& error) const;
-    // Where the entry's stored (compressed) bytes lie, from its local header, for
-    // copying them as they are.
+    // Where the entry's stored (compressed) bytes lie, from its local header.
     bool dataRange(const ZipEntry& entry, ByteRange& range, std::string& error) const;
     // Hands the entry's stored bytes to `sink` as they are, inflating them on the side
     // to check them as streamEntry does: a copy must not carry on an entry whose data
@@ -115,6 +114,8 @@ private:
         std::string prefetched;  // the entry's first stored bytes, when they came with the header
     };
     bool locateData(const ZipEntry& entry, DataStart& start, std::string& error) const;
+    bool feedStored(const ZipEntry& entry, const DataStart& start, const std::function<bool(std::string_view)>& sink,
+                    std::string& error) const;
     std::string entryError(const ZipEntry& entry, std::string_view reason) const;
 
     std::shared_ptr<ByteSource> source_;

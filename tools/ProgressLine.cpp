@@ -89,9 +89,22 @@ bool takeKeyword(std::string_view& text, std::string_view keyword) {
     return true;
 }
 
+// A step with no total to count toward: what it has done so far, and how fast.
+std::string describeOpenEndedProgress(const ProgressFigures& figures) {
+    const ByteUnit& unit = unitFor(figures.doneBytes);
+    std::string text = figures.step + "  " +
+                       inUnit(static_cast<double>(figures.doneBytes), unit,
+                              wantsDecimal(static_cast<double>(figures.doneBytes), unit)) +
+                       " " + unit.name;
+    double seconds = std::chrono::duration<double>(figures.elapsed).count();
+    if (seconds > 0 && figures.doneBytes > 0) text += "  " + rateText(static_cast<double>(figures.doneBytes) / seconds);
+    return text;
+}
+
 }  // namespace
 
 std::string describeProgress(const ProgressFigures& figures) {
+    if (figures.totalFiles == 0 && figures.totalBytes == 0) return describeOpenEndedProgress(figures);
     std::string text = figures.step + "  " + std::to_string(percentDone(figures)) + "%  " +
                        withThousands(figures.doneFiles) + "/" + withThousands(figures.totalFiles) + " files";
     if (figures.totalBytes > 0) text += "  " + bytesDoneOfTotal(figures.doneBytes, figures.totalBytes);

@@ -24,7 +24,9 @@ struct ProgressFigures {
 };
 
 // The line's text for these figures. The rate and the time left are the average
-// since the start; they are left out until there is something to average.
+// since the start; they are left out until there is something to average. A step
+// with neither files nor bytes to count toward shows the bytes done so far:
+//   fetching  12 MB  4.1 MB/s
 std::string describeProgress(const ProgressFigures& figures);
 
 class ProgressLine {

@@ -269,6 +269,41 @@ TEST_F(ZipBundleFilesTest, DamagedEntriesAreReadAsFailuresWithAWarning) {
               "content.\n");
 }
 
+// A far source whose server stops answering once the archive is open.
+class FailingAfterOpening : public MemoryByteSource {
+public:
+    using MemoryByteSource::MemoryByteSource;
+    bool read(std::uint64_t offset, std::size_t length, std::string& out, std::string& error) override {
+        if (!failing) return MemoryByteSource::read(offset, length, out, error);
+        error = failure_ = "unable to read \"http://host/bundle.zip\" - the server answered 503 Service Unavailable";
+        return false;
+    }
+    std::string lastFailure() const override { return failure_; }
+    bool failing = false;
+
+private:
+    std::string failure_;
+};
+
+TEST_F(ZipBundleFilesTest, ArchiveThatCannotBeReadAnyMoreIsAnErrorSaidOnce) {
+    ZipSpec spec;
+    spec.entries = {fileSpec("Restore/BuildManifest.plist", "manifest"), fileSpec("Restore/Restore.plist", "restore")};
+    auto built = ZipBuilder::build(spec);
+    auto source = std::make_shared<FailingAfterOpening>("http://host/bundle.zip", built.size, built.pieces);
+    std::string error;
+    std::shared_ptr<const ZipArchive> archive = ZipArchive::open(source, error);
+    ASSERT_TRUE(archive) << error;
+    ZipBundleFiles files(archive);
+    source->failing = true;
+    int readError = 0;
+    std::string said = logged([&] {
+        EXPECT_FALSE(files.readFile("Restore/BuildManifest.plist", &readError));
+        EXPECT_FALSE(files.readFile("Restore/Restore.plist"));
+    });
+    EXPECT_EQ(readError, EIO);
+    EXPECT_EQ(said, "XXX ERROR: unable to read \"http://host/bundle.zip\" - the server answered 503 Service Unavailable.\n");
+}
+
 TEST_F(ZipBundleFilesTest, DeeplyNestedNamesAreListedWithoutExhaustingTheStack) {
     std::string deepName;
     for (int level = 0; level < 2000; ++level) deepName += "d/";

@@ -3,25 +3,17 @@
 // answers no well-behaved server gives (stalls, bad ranges, short answers).
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <mutex>
-#include <sstream>
 #include <thread>
 
-#include "HelperProcesses.hpp"
 #include "TestSupport.hpp"
+#include "WebServers.hpp"
 #include "support/HttpByteSource.hpp"
 
 using namespace whittle;
@@ -42,133 +34,6 @@ std::string patternBytes(std::size_t size, std::uint32_t seed) {
     }
     return bytes;
 }
-
-sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return address;
-}
-
-int listeningSocket(int& port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(fd, 16) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        throw std::runtime_error("cannot listen on 127.0.0.1");
-    port = ntohs(address.sin_port);
-    return fd;
-}
-
-int freePort() {
-    int port = 0;
-    ::close(listeningSocket(port));
-    return port;
-}
-
-bool accepts(int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(port);
-    bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return connected;
-}
-
-std::string nginxBinary() {
-    for (const char* candidate : {"/usr/sbin/nginx", "/usr/local/sbin/nginx", "/usr/bin/nginx"})
-        if (::access(candidate, X_OK) == 0) return candidate;
-    return {};
-}
-
-// What the server's access log says it sent for one path.
-struct Served {
-    std::uint64_t requests = 0;
-    std::uint64_t bodyBytes = 0;
-};
-
-// nginx in the foreground, one process, with its configuration, pid file, logs and
-// temporary folders in a folder of its own, serving the files of www/.
-class WebServer {
-public:
-    WebServer() {
-        for (int attempt = 0; attempt < 5 && !program_; ++attempt) start();
-    }
-    WebServer(const WebServer&) = delete;
-    WebServer& operator=(const WebServer&) = delete;
-
-    bool running() const { return program_ != nullptr; }
-    std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
-    std::string file(const std::string& name) const { return folder_ / ("www/" + name); }
-
-    // Waits for the log to show `requests` requests for the path (it is written as
-    // each answer ends, which may be just after the client has the last byte).
-    Served served(const std::string& path, std::uint64_t requests) const {
-        Served found;
-        for (auto deadline = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < deadline;) {
-            found = readLog(path);
-            if (found.requests >= requests) break;
-            std::this_thread::sleep_for(20ms);
-        }
-        return found;
-    }
-
-private:
-    void start() {
-        port_ = freePort();
-        std::filesystem::create_directories(folder_ / "www");
-        writeFile(folder_ / "nginx.conf", configuration());
-        program_ = std::make_unique<BackgroundProgram>(std::vector<std::string>{
-            nginxBinary(), "-e", folder_ / "error.log", "-p", folder_.path(), "-c", folder_ / "nginx.conf"});
-        for (auto deadline = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < deadline;) {
-            if (accepts(port_)) return;
-            if (program_->hasEnded()) break;
-            std::this_thread::sleep_for(10ms);
-        }
-        program_.reset();  // the port was taken meanwhile, or nginx failed: try again
-    }
-
-    std::string configuration() const {
-        const std::string& d = folder_.path();
-        return "daemon off;\nmaster_process off;\nworker_processes 1;\n"
-               "pid " + d + "/nginx.pid;\nerror_log " + d + "/error.log;\n"
-               "events { worker_connections 64; }\n"
-               "http {\n"
-               "  log_format counted '$status $body_bytes_sent $request_uri';\n"
-               "  access_log " + d + "/access.log counted;\n"
-               "  client_body_temp_path " + d + "/client_body;\n  proxy_temp_path " + d + "/proxy;\n"
-               "  fastcgi_temp_path " + d + "/fastcgi;\n  uwsgi_temp_path " + d + "/uwsgi;\n"
-               "  scgi_temp_path " + d + "/scgi;\n"
-               "  default_type application/octet-stream;\n"
-               "  server {\n"
-               "    listen 127.0.0.1:" + std::to_string(port_) + ";\n"
-               "    root " + d + "/www;\n"
-               "    location /whole/ { max_ranges 0; alias " + d + "/www/; }\n"
-               "    location = /broken { return 500; }\n"
-               "    location = /loop { return 302 /loop; }\n"
-               "    location = /moved { return 301 /data.bin; }\n"
-               "  }\n"
-               "}\n";
-    }
-
-    Served readLog(const std::string& path) const {
-        Served found;
-        std::ifstream log(folder_ / "access.log");
-        std::string status, uri;
-        std::uint64_t bytes = 0;
-        while (log >> status >> bytes >> uri) {
-            if (uri != path) continue;
-            ++found.requests;
-            found.bodyBytes += bytes;
-        }
-        return found;
-    }
-
-    TempDir folder_;
-    int port_ = 0;
-    std::unique_ptr<BackgroundProgram> program_;
-};
 
 class HttpByteSourceTest : public testing::Test {
 protected:
@@ -521,88 +386,6 @@ TEST(HttpByteSource, ConnectionNotMadeInTimeIsNamed) {
 
 namespace {
 
-struct Reply {
-    std::string bytes;
-    bool stallAfter = false;  // keep the connection open, silent, until the server stops
-};
-
-std::string answer(const std::string& statusLine, const std::vector<std::string>& headers, const std::string& body) {
-    std::string text = "HTTP/1.1 " + statusLine + "\r\n";
-    for (const auto& header : headers) text += header + "\r\n";
-    return text + "Connection: close\r\n\r\n" + body;
-}
-
-std::string partial(const std::string& content, std::uint64_t first, std::uint64_t last,
-                    const std::vector<std::string>& extra = {"ETag: \"v1\""}) {
-    std::vector<std::string> headers = extra;
-    headers.push_back("Content-Range: bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" +
-                      std::to_string(content.size()));
-    headers.push_back("Content-Length: " + std::to_string(last + 1 - first));
-    return answer("206 Partial Content", headers, content.substr(first, last + 1 - first));
-}
-
-// Answers each connection with the next reply, in order, and keeps the requests.
-class ScriptedServer {
-public:
-    explicit ScriptedServer(std::vector<Reply> replies) : replies_(std::move(replies)) {
-        listener_ = listeningSocket(port_);
-        if (::pipe2(stop_, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-        thread_ = std::thread([this] { serve(); });
-    }
-    ~ScriptedServer() {
-        char byte = 0;
-        (void)!::write(stop_[1], &byte, 1);
-        thread_.join();
-        ::close(listener_);
-        ::close(stop_[0]);
-        ::close(stop_[1]);
-    }
-    ScriptedServer(const ScriptedServer&) = delete;
-    ScriptedServer& operator=(const ScriptedServer&) = delete;
-
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/a.zip"; }
-    std::vector<std::string> requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
-
-private:
-    // Waits for the descriptor to be readable; false once the server is stopped.
-    bool waitFor(int fd) const {
-        pollfd fds[2] = {{fd, POLLIN, 0}, {stop_[0], POLLIN, 0}};
-        return ::poll(fds, 2, -1) > 0 && !(fds[1].revents & POLLIN);
-    }
-
-    void serve() {
-        for (const auto& reply : replies_) {
-            if (!waitFor(listener_)) return;
-            int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-            std::string request;
-            char buffer[4096];
-            while (request.find("\r\n\r\n") == std::string::npos && waitFor(connection)) {
-                auto got = ::read(connection, buffer, sizeof buffer);
-                if (got <= 0) break;
-                request.append(buffer, static_cast<std::size_t>(got));
-            }
-            {
-                std::lock_guard lock(mutex_);
-                requests_.push_back(request);
-            }
-            (void)!::send(connection, reply.bytes.data(), reply.bytes.size(), MSG_NOSIGNAL);
-            if (reply.stallAfter) waitFor(stop_[0]);
-            ::close(connection);
-        }
-    }
-
-    std::vector<Reply> replies_;
-    int listener_ = -1;
-    int port_ = 0;
-    int stop_[2] = {-1, -1};
-    std::thread thread_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> requests_;
-};
-
 HttpLimits quickLimits() {
     HttpLimits limits;
     limits.tailBytes = 100;
@@ -706,4 +489,18 @@ TEST(HttpByteSourceAnswers, WholeAnswerToALaterRequestOfTheSameFileMeansNoRanges
     EXPECT_FALSE(source->read(0, 100, out, error));
     EXPECT_EQ(error, reasonFor(server, "the server does not honour byte ranges"));
     EXPECT_EQ(source->bytesFetched(), 100u);
+}
+
+TEST(HttpByteSourceAnswers, LastFailureTellsWhyTheLatestReadFailedAtTheServer) {
+    ScriptedServer server({{partial(kContent, 900, 999)}, {partial(kContent, 0, 49)}, {partial(kContent, 0, 99)}});
+    std::string error, out;
+    auto source = HttpByteSource::open(server.url(), error, quickLimits());
+    ASSERT_TRUE(source) << error;
+    EXPECT_EQ(source->lastFailure(), "");
+    EXPECT_FALSE(source->read(0, 100, out, error));
+    EXPECT_EQ(source->lastFailure(), reasonFor(server, "the server sent 50 bytes where 100 were asked"));
+    ASSERT_TRUE(source->read(0, 100, out, error)) << error;
+    EXPECT_EQ(source->lastFailure(), "");
+    EXPECT_FALSE(source->read(990, 20, out, error));
+    EXPECT_EQ(source->lastFailure(), "") << "a read past the end is the reader's mistake, not the server's";
 }

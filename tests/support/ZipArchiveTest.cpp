@@ -287,6 +287,42 @@ TEST_F(ZipArchiveTest, GivesTheStoredBytesRangeForARawCopy) {
     EXPECT_EQ(built.bytes().substr(range.offset, range.length), test::rawDeflate(spec.entries[0].content));
 }
 
+// The bytes that come with the local header are used, and the rest read from where
+// that read ended: no byte of the entry is read twice.
+TEST_F(ZipArchiveTest, ReadsEachStoredByteOnceWhenStreaming) {
+    std::string noise(300'000, '\0');
+    std::uint32_t state = 5;
+    for (char& byte : noise) {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        byte = static_cast<char>(state);
+    }
+    ZipSpec spec;
+    spec.entries = {fileSpec("noise.bin", noise), fileSpec("after.txt", "after")};
+    BuiltZip built = ZipBuilder::build(spec);
+    std::string error;
+    auto archive = open(built, error);
+    ASSERT_TRUE(archive) << error;
+    const ZipEntry& entry = *archive->find("noise.bin");
+    std::uint64_t extent = built.localOffsets[1] - built.localOffsets[0];
+
+    std::uint64_t before = source_->bytesFetched();
+    std::string content;
+    ASSERT_TRUE(archive->readEntry(entry, content, error)) << error;
+    EXPECT_EQ(content, noise);
+    EXPECT_EQ(source_->bytesFetched() - before, extent);
+
+    before = source_->bytesFetched();
+    std::string stored;
+    ASSERT_TRUE(archive->copyStoredBytes(entry, [&](std::string_view piece) {
+        stored.append(piece);
+        return true;
+    }, error)) << error;
+    EXPECT_EQ(stored, built.bytes().substr(built.localOffsets[0] + 30 + 9, entry.compressedSize));
+    EXPECT_EQ(source_->bytesFetched() - before, extent);
+}
+
 TEST_F(ZipArchiveTest, LeavesOutEntriesWithNamesThatLeaveTheRoot) {
     expectLeftOut(fileSpec("../escape.txt", "x"), "its name climbs with \"..\"");
     expectLeftOut(fileSpec("Restore/../../escape.txt", "x"), "its name climbs with \"..\"");

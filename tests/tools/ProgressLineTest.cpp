@@ -67,6 +67,12 @@ TEST(DescribeProgress, FilesAloneWhenThereAreNoBytes) {
     EXPECT_EQ(describeProgress(figures(1, 4, 0, 0, 500ms)), "copying  25%  1/4 files");
 }
 
+TEST(DescribeProgress, OpenEndedStepShowsTheBytesSoFarAndTheRate) {
+    EXPECT_EQ(describeProgress(ProgressFigures{"fetching", 0, 0, 12'300'000, 0, 3000ms}), "fetching  12 MB  4.1 MB/s");
+    EXPECT_EQ(describeProgress(ProgressFigures{"fetching", 0, 0, 1'240'000, 0, 500ms}), "fetching  1.2 MB  2.5 MB/s");
+    EXPECT_EQ(describeProgress(ProgressFigures{"fetching", 0, 0, 0, 0, 0ms}), "fetching  0 B");
+}
+
 TEST(ProgressLine, DrawsInPlaceWhenTheStepBegins) {
     LineOnFakeTerminal terminal;
     terminal.line.begin("copying", 10, 1000);
