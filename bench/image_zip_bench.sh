@@ -40,22 +40,7 @@ fi
 mkdir -p "$work"
 diskimage=$build/whittle-diskimage
 
-now() { date +%s.%N; }
-seconds() {  # command...: wall seconds, output discarded
-  local start; start=$(now); "$@" > /dev/null 2>&1; awk -v a="$start" -v b="$(now)" 'BEGIN { printf "%.3f", b - a }'
-}
-best() {  # cleanup command, then the measured command...: best of the runs
-  local cleanup=$1; shift
-  local best=999999 t
-  eval "$cleanup"; "$@" > /dev/null 2>&1 || true  # warm-up
-  for _ in $(seq 1 "$runs"); do
-    eval "$cleanup"; sync
-    t=$(seconds "$@")
-    best=$(awk -v a="$t" -v b="$best" 'BEGIN { print (a < b) ? a : b }')
-  done
-  eval "$cleanup"
-  echo "$best"
-}
+. "$(dirname "$0")/timing.sh"
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 peak_kb() {  # command...: peak resident set in kB
   /usr/bin/time -f %M -o "$work/rss.txt" "$@" > "$work/rss-out.txt" 2>/dev/null
