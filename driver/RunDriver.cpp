@@ -231,7 +231,6 @@ std::shared_ptr<const BundleFiles> Run::sourceFiles() {
 }
 
 const ZipBundleFiles* Run::sourceArchive() {
-    if (!isArchiveSource(*request_.source)) return nullptr;
     return dynamic_cast<const ZipBundleFiles*>(sourceFiles().get());
 }
 

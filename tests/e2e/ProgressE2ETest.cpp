@@ -13,23 +13,10 @@ using namespace whittle::test;
 
 namespace {
 
-const std::string kErase = "\r\x1b[K";
+const std::string kErase = kTerminalLineErase;
 const std::string kLogFile = "/tmp/Whittle.log";
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-// The texts drawn after each erase, in order (the empty ones are erases alone).
-std::vector<std::string> drawnLines(const std::string& terminal) {
-    std::vector<std::string> lines;
-    for (std::size_t at = terminal.find(kErase); at != std::string::npos;) {
-        std::size_t start = at + kErase.size();
-        std::size_t next = terminal.find(kErase, start);
-        std::string text = terminal.substr(start, next == std::string::npos ? std::string::npos : next - start);
-        if (!text.empty()) lines.push_back(text);
-        at = next;
-    }
-    return lines;
-}
 
 // The lines of whittle-copy's listing.
 std::vector<std::string> listedPaths(const std::string& output) {

@@ -27,7 +27,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const std::string kErase = "\r\x1b[K";
+const std::string kErase = kTerminalLineErase;
 const std::string kLogFile = "/tmp/Whittle.log";
 const std::string kCookie = "WhittleCookie.plist";
 // Each payload file of the bundle: large enough that the kept entries' 1% covers the
@@ -136,19 +136,6 @@ std::map<std::string, std::string> snapshot(const std::string& root, const Typed
 void unpack(const std::string& archive, const std::string& folder) {
     ProgramResult unzipped = runProgram({"/usr/bin/unzip", "-q", "-o", archive, "-d", folder});
     ASSERT_EQ(unzipped.status, 0) << unzipped.err;
-}
-
-// The texts drawn after each erase, in order (the empty ones are erases alone).
-std::vector<std::string> drawnLines(const std::string& terminal) {
-    std::vector<std::string> lines;
-    for (std::size_t at = terminal.find(kErase); at != std::string::npos;) {
-        std::size_t start = at + kErase.size();
-        std::size_t next = terminal.find(kErase, start);
-        std::string text = terminal.substr(start, next == std::string::npos ? std::string::npos : next - start);
-        if (!text.empty()) lines.push_back(text);
-        at = next;
-    }
-    return lines;
 }
 
 class RemoteArchive : public testing::Test {

@@ -175,6 +175,19 @@ DryRunLists dryRunListsOf(const std::string& output) {
     return lists;
 }
 
+std::vector<std::string> drawnLines(const std::string& terminal) {
+    const std::string erase = kTerminalLineErase;
+    std::vector<std::string> lines;
+    for (std::size_t at = terminal.find(erase); at != std::string::npos;) {
+        std::size_t start = at + erase.size();
+        std::size_t next = terminal.find(erase, start);
+        std::string text = terminal.substr(start, next == std::string::npos ? std::string::npos : next - start);
+        if (!text.empty()) lines.push_back(text);
+        at = next;
+    }
+    return lines;
+}
+
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
     std::string::size_type start = 0;

@@ -74,6 +74,11 @@ struct DryRunLists {
 };
 DryRunLists dryRunListsOf(const std::string& output);
 
+// What a live line writes before each new text: back to the line's start, erase it.
+inline constexpr const char* kTerminalLineErase = "\r\x1b[K";
+// The texts a live line drew on a terminal, in order (erases alone are left out).
+std::vector<std::string> drawnLines(const std::string& terminal);
+
 // The lines of a text, without their line ends.
 std::vector<std::string> linesOf(const std::string& text);
 
