@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -223,16 +222,6 @@ void explainWriteFailure(const ZipBundleFiles& files, const std::string& failure
     } else {
         Log("XXX ERROR: %@.", sourceFailure);
     }
-}
-
-void writeToStandardError(std::string_view text) {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
-}
-
-std::size_t terminalColumns(int fd) {
-    winsize size{};
-    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 }  // namespace

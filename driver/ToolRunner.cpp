@@ -1,6 +1,5 @@
 #include "driver/ToolRunner.hpp"
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -30,16 +29,6 @@ std::vector<std::string> nonEmptyLinesOf(const std::string& text) {
         start = end + 1;
     }
     return lines;
-}
-
-void writeToStandardError(std::string_view text) {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
-}
-
-std::size_t terminalColumns(int fd) {
-    winsize size{};
-    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ bool isInvisibleName(std::string_view name) { return hasInvisiblePrefix(name) ||
 
 }  // namespace
 
-int Stripper3::stripFactoryDiskImage(const Value&) {
+int Stripper3::stripFactoryDiskImage() {
     if (files_->exists(kFactoryDiskImage) && files_->exists(kFactoryDiskImageSignature)) {
         Log("+++ FactoryDiskImage and signature file found.");
         copiedFilelist_.insert(kFactoryDiskImage);
@@ -51,7 +51,7 @@ int Stripper3::stripFWPKs(const Value& item) {
     return 0;
 }
 
-int Stripper3::stripRestoreTools(const Value&) {
+int Stripper3::stripRestoreTools() {
     if (auto target = files_->linkTarget(kRestoreTools)) {
         Log("+++ RestoreTools found %@.", *target);
         copiedFilelist_.insert(*target);
@@ -61,7 +61,7 @@ int Stripper3::stripRestoreTools(const Value&) {
     return fallBackOnRootImages(submanifestStartingAt("", false));
 }
 
-int Stripper3::stripInvisibles(const Value&) {
+int Stripper3::stripInvisibles() {
     std::vector<std::string> scrubbed;
     for (const auto& path : copiedFilelist_) {
         if (isInvisibleName(lastPathComponent(path))) scrubbed.push_back(path);

@@ -27,8 +27,13 @@
 
 namespace whittle {
 
+// An operation as the work list runs it: on the engine, with the work item. A step that
+// does not read its item is declared without one.
 template <typename Engine>
-using OperationTable = std::map<std::string_view, int (Engine::*)(const Value&)>;
+using WorkOperation = int (*)(Engine&, const Value&);
+
+template <typename Engine>
+using OperationTable = std::map<std::string_view, WorkOperation<Engine>>;
 
 // Every work selector and the operation of the same name, for the operations the engine
 // has: the steps both engines take, the default engine's own, the legacy engine's own.
@@ -36,8 +41,11 @@ template <typename Engine>
 OperationTable<Engine> operationTable() {
     OperationTable<Engine> table;
     // A selector is its operation's name followed by a colon.
-#define WHITTLE_OPERATION(name) \
-    if constexpr (requires { &Engine::name; }) table.emplace(#name ":", &Engine::name)
+#define WHITTLE_OPERATION(name)                                                                      \
+    if constexpr (requires(Engine& engine, const Value& item) { engine.name(item); })               \
+        table.emplace(#name ":", [](Engine& engine, const Value& item) { return engine.name(item); }); \
+    else if constexpr (requires(Engine& engine) { engine.name(); })                                 \
+        table.emplace(#name ":", [](Engine& engine, const Value&) { return engine.name(); })
     WHITTLE_OPERATION(stripCommonWork);
     WHITTLE_OPERATION(stripInvisibles);
     WHITTLE_OPERATION(leaveCookie);
@@ -90,8 +98,7 @@ template <typename Engine>
 class StripEngine : public Stripper {
 public:
     // The operation a work item's "workSelector" names, or nullptr.
-    using WorkOperation = int (Engine::*)(const Value&);
-    static WorkOperation operationNamed(std::string_view selector) {
+    static WorkOperation<Engine> operationNamed(std::string_view selector) {
         static const OperationTable<Engine> operations = operationTable<Engine>();
         auto found = operations.find(selector);
         return found == operations.end() ? nullptr : found->second;
@@ -116,16 +123,16 @@ public:
     bool checkUnpersonalized() const { return checksUnpersonalized(stripOptions_); }
 
     const Value& workList() const { return workList_; }
-    int performWork(const Value&) { return runWorkList(engine(), workList_); }
+    int performWork() { return runWorkList(engine(), workList_); }
 
     // Runs the common steps the engine has, in order, each on its own copy of the item;
     // the first non-zero result ends the run and is answered.
     int stripCommonWork(const Value& item) {
         for (const char* selector : kCommonSteps) {
-            WorkOperation operation = operationNamed(selector);
+            WorkOperation<Engine> operation = operationNamed(selector);
             if (!operation) continue;
             Value copy = Value::dictionary(*item.asDictionary());
-            if (int result = (engine().*operation)(copy)) return result;
+            if (int result = operation(engine(), copy)) return result;
         }
         return 0;
     }
@@ -144,17 +151,17 @@ public:
     }
 
     // Leaves "WhittleCookie.plist" among the modified files, unless "noCookie".
-    int leaveCookie(const Value&) {
+    int leaveCookie() {
         if (option("noCookie")) return 0;
         Log("+++ Oreo's left.  No milk.");
         engine().recordModifiedFile("WhittleCookie.plist", makeCookie(bundleRoot_, stripOptions_));
         return 0;
     }
 
-    int stripDebugFolder(const Value&) { return keepOptionalFolder(kDebugFolder); }
-    int stripBundleImages(const Value&) { return keepOptionalFolder(kBundleImagesFolder); }
-    int stripHomeDiags(const Value&) { return keepOptionalLinkedImage(kHomeDiagnosticsImage); }
-    int stripSDKs(const Value&) { return keepOptionalLinkedImage(kSDKImage); }
+    int stripDebugFolder() { return keepOptionalFolder(kDebugFolder); }
+    int stripBundleImages() { return keepOptionalFolder(kBundleImagesFolder); }
+    int stripHomeDiags() { return keepOptionalLinkedImage(kHomeDiagnosticsImage); }
+    int stripSDKs() { return keepOptionalLinkedImage(kSDKImage); }
 
 protected:
     // The request as given: products and variants are kept only when they are arrays, the

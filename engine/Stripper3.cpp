@@ -32,7 +32,7 @@ int Stripper3::strip() {
         return 1;
     }
     if (int result = preanalyzeRequest()) return result;
-    return performWork(Value());
+    return performWork();
 }
 
 Value Stripper3::strippedManifest() {

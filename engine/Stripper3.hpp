@@ -63,10 +63,10 @@ public:
     int stripFirmwareMap(const Value& item, FirmwareMap map);
 
     // ---- bundle content ----
-    int stripFactoryDiskImage(const Value& item);
+    int stripFactoryDiskImage();
     int stripFWPKs(const Value& item);
-    int stripRestoreTools(const Value& item);
-    int stripInvisibles(const Value& item);
+    int stripRestoreTools();
+    int stripInvisibles();
     void keepPaths(const std::vector<std::string>& paths) { copiedFilelist_.insert(paths.begin(), paths.end()); }
     // The new content of a bundle-relative path.
     void recordModifiedFile(const std::string& path, const Value& content) { modifiedFilelist_.set(path, content); }

@@ -24,7 +24,7 @@ int runWorkList(Engine& engine, const Value& workList) {
             Log("XXX ERROR: no operation %@.", item.get("workSelector"));
             return 1;
         }
-        result = (engine.*operation)(item);
+        result = operation(engine, item);
         if (result != 0) return result;
     }
     return result;

@@ -19,9 +19,9 @@ constexpr OptionalFolder kUnencryptedImages{nullptr, "UnencryptedImages", nullpt
 
 }  // namespace
 
-int Stripper2::stripUnencryptedImages(const Value&) { return keepOptionalFolder(kUnencryptedImages); }
+int Stripper2::stripUnencryptedImages() { return keepOptionalFolder(kUnencryptedImages); }
 
-int Stripper2::stripBogusRestoreImagesInRootDirectory(const Value&) { return 0; }
+int Stripper2::stripBogusRestoreImagesInRootDirectory() { return 0; }
 
 // ---- firmware archives ----
 
@@ -58,7 +58,7 @@ int Stripper2::stripFWPKs(const Value& item) {
 
 // ---- the restore tools image ----
 
-int Stripper2::stripRestoreTools(const Value&) {
+int Stripper2::stripRestoreTools() {
     auto rootNames = files_->entries("");
     auto images = rootDiskImages(rootNames);
     bool toolsAtRoot = std::find(images.begin(), images.end(), kRestoreTools) != images.end();
@@ -80,7 +80,7 @@ int Stripper2::stripRestoreTools(const Value&) {
 
 // ---- invisibles, from the merged result ----
 
-int Stripper2::stripInvisibles(const Value&) {
+int Stripper2::stripInvisibles() {
     std::set<std::string> scrubbed;
     for (const auto& pathValue : strippedManifest_.elements()) {
         std::string path(pathValue.text());

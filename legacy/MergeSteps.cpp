@@ -31,7 +31,7 @@ void mergeText(Value& existing, const Value& incoming) {
 
 }  // namespace
 
-int Stripper2::mergeStrippedManifests(const Value&) {
+int Stripper2::mergeStrippedManifests() {
     strippedManifest_ = Value();
     std::set<std::string> paths;
     std::size_t count = strippedManifestsList_.count();
@@ -47,7 +47,7 @@ int Stripper2::mergeStrippedManifests(const Value&) {
     return 0;
 }
 
-int Stripper2::mergeModifiedFiles(const Value&) {
+int Stripper2::mergeModifiedFiles() {
     std::size_t count = modifiedFilesList_.count();
     Value merged = Value::dictionary();
     for (std::size_t i = 0; i < count; ++i) {

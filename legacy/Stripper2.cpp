@@ -28,7 +28,7 @@ const Catalogue& Stripper2::catalogue() { return Catalogue::builtIn(); }
 
 int Stripper2::strip() {
     if (int result = preanalyzeRequest()) return result;
-    return performWork(Value());
+    return performWork();
 }
 
 bool Stripper2::checkPersonalized() const { return option("checkPersonalized"); }

@@ -50,14 +50,14 @@ public:
     // ---- support files ----
     int stripFirmwareMap(const Value& item, FirmwareMap map);
     int stripFWPKs(const Value& item);
-    int stripUnencryptedImages(const Value& item);
-    int stripBogusRestoreImagesInRootDirectory(const Value& item);
-    int stripRestoreTools(const Value& item);
+    int stripUnencryptedImages();
+    int stripBogusRestoreImagesInRootDirectory();
+    int stripRestoreTools();
 
     // ---- merging the partial results, and the closing steps ----
-    int mergeStrippedManifests(const Value& item);
-    int mergeModifiedFiles(const Value& item);
-    int stripInvisibles(const Value& item);
+    int mergeStrippedManifests();
+    int mergeModifiedFiles();
+    int stripInvisibles();
     // Hands on kept paths as a partial result of their own.
     void keepPaths(const std::vector<std::string>& paths);
     // Hands on the new content of a bundle-relative path as a partial result of its own.

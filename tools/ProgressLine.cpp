@@ -1,5 +1,7 @@
 #include "tools/ProgressLine.hpp"
 
+#include <sys/ioctl.h>
+
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -178,6 +180,16 @@ std::string ProgressLine::text() const {
     std::string line = describeProgress(figures_);
     if (width_ > 1 && line.size() > width_ - 1) line.resize(width_ - 1);
     return line;
+}
+
+void writeToStandardError(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
+
+std::size_t terminalColumns(int fd) {
+    winsize size{};
+    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 }  // namespace whittle

@@ -29,6 +29,11 @@ struct ProgressFigures {
 //   fetching  12 MB  4.1 MB/s
 std::string describeProgress(const ProgressFigures& figures);
 
+// Where a live line for a person at the terminal is drawn: standard error, written at once,
+// and the number of columns of the terminal behind a descriptor (0 when it is none).
+void writeToStandardError(std::string_view text);
+std::size_t terminalColumns(int fd);
+
 class ProgressLine {
 public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;

@@ -8,10 +8,16 @@ namespace {
 
 class BundleContent : public EngineTest {
 protected:
-    std::string run(int (Stripper3::*step)(const Value&), const Value& options = Value::dictionary(),
+    // Runs the step a work selector names, as the work list would.
+    std::string run(std::string_view selector, const Value& options = Value::dictionary(),
                     const Value& item = Value::dictionary()) {
         stripper = engine({"x10"}, {"repair"}, options);
-        return logged([&] { EXPECT_EQ(((*stripper).*step)(item), 0); });
+        auto step = Stripper3::operationNamed(selector);
+        if (!step) {
+            ADD_FAILURE() << "no operation " << selector;
+            return {};
+        }
+        return logged([&] { EXPECT_EQ(step(*stripper, item), 0); });
     }
 
     static Value archiveItem(std::vector<std::string> products, std::vector<std::string> personalizations) {
@@ -37,48 +43,48 @@ protected:
 TEST_F(BundleContent, DebugFolderOnlyWhenAsked) {
     writeFile(at("Debug/a.txt"), "a");
     writeFile(at("Debug/sub/b.txt"), "b");
-    EXPECT_EQ(run(&Stripper3::stripDebugFolder), "");
+    EXPECT_EQ(run("stripDebugFolder:"), "");
     EXPECT_TRUE(stripper->copiedFilelist().empty());
-    EXPECT_EQ(run(&Stripper3::stripDebugFolder, options({"keepDebug"})), "+++ Debug folder found 2 items.\n");
+    EXPECT_EQ(run("stripDebugFolder:", options({"keepDebug"})), "+++ Debug folder found 2 items.\n");
     EXPECT_EQ(stripper->copiedFilelist(), (KeepList{"Debug/a.txt", "Debug/sub"}));
 }
 
 TEST_F(BundleContent, BundleImagesOnlyWhenAsked) {
     writeFile(at("BundleImages/a.png"), "a");
-    EXPECT_EQ(run(&Stripper3::stripBundleImages, options({"keepBundleImages"})), "+++ BundleImages found 1 items.\n");
+    EXPECT_EQ(run("stripBundleImages:", options({"keepBundleImages"})), "+++ BundleImages found 1 items.\n");
     EXPECT_TRUE(keeps(*stripper, "BundleImages/a.png"));
-    EXPECT_EQ(run(&Stripper3::stripBundleImages, options({"keepDebug"})), "");
+    EXPECT_EQ(run("stripBundleImages:", options({"keepDebug"})), "");
 }
 
 TEST_F(BundleContent, HomeDiagnosticsLinkKeepsLinkAndTarget) {
     writeFile(at("HomeDiag-2.dmg"), "d");
     link("HomeDiagnostic.dmg", "HomeDiag-2.dmg");
-    EXPECT_EQ(run(&Stripper3::stripHomeDiags, options({"keepHomeDiagnostics"})), "+++ HomeDiagnostics found.\n");
+    EXPECT_EQ(run("stripHomeDiags:", options({"keepHomeDiagnostics"})), "+++ HomeDiagnostics found.\n");
     EXPECT_EQ(stripper->copiedFilelist(), (KeepList{"HomeDiag-2.dmg", "HomeDiagnostic.dmg"}));
 }
 
 TEST_F(BundleContent, HomeDiagnosticsAsPlainFileIsNotKeptAndNotMentioned) {
     writeFile(at("HomeDiagnostic.dmg"), "d");
-    EXPECT_EQ(run(&Stripper3::stripHomeDiags, options({"keepHomeDiagnostics"})), "");
+    EXPECT_EQ(run("stripHomeDiags:", options({"keepHomeDiagnostics"})), "");
     EXPECT_TRUE(stripper->copiedFilelist().empty());
 }
 
 TEST_F(BundleContent, SdkLinkNamesItsTarget) {
     writeFile(at("SDK-1.dmg"), "s");
     link("HandsetSDKInternalNonUI.dmg", "SDK-1.dmg");
-    EXPECT_EQ(run(&Stripper3::stripSDKs, options({"keepSDK"})), "+++ NonUI SDK found \"SDK-1.dmg\".\n");
+    EXPECT_EQ(run("stripSDKs:", options({"keepSDK"})), "+++ NonUI SDK found \"SDK-1.dmg\".\n");
     EXPECT_TRUE(keeps(*stripper, "SDK-1.dmg"));
-    EXPECT_EQ(run(&Stripper3::stripSDKs), "");
+    EXPECT_EQ(run("stripSDKs:"), "");
     EXPECT_TRUE(stripper->copiedFilelist().empty());
 }
 
 TEST_F(BundleContent, FactoryImageNeedsItsSignature) {
     writeFile(at("FactoryDiskImage.dmg"), "f");
-    EXPECT_EQ(run(&Stripper3::stripFactoryDiskImage),
+    EXPECT_EQ(run("stripFactoryDiskImage:"),
               "+++ Either FactoryDiskImage or signature file is missing. Include non of them.\n");
     EXPECT_TRUE(stripper->copiedFilelist().empty());
     writeFile(at("FactoryDiskImage.dmg.signature"), "s");
-    EXPECT_EQ(run(&Stripper3::stripFactoryDiskImage), "+++ FactoryDiskImage and signature file found.\n");
+    EXPECT_EQ(run("stripFactoryDiskImage:"), "+++ FactoryDiskImage and signature file found.\n");
     EXPECT_EQ(stripper->copiedFilelist(), (KeepList{"FactoryDiskImage.dmg", "FactoryDiskImage.dmg.signature"}));
 }
 
@@ -86,7 +92,7 @@ TEST_F(BundleContent, FirmwareArchiveOfTheRequestedOperatingSystemMatchesAnyProd
     writeFile(at("Mediadesk FWPKs/x10_VendorInternal.fwpk/payload"), "p");
     writeFile(at("Mediadesk FWPKs/x10_VendorInternal.fwpk/deep/more"), "m");
     writeFile(at("Mediadesk FWPKs/x30_1.FWPK/payload"), "p");
-    std::string log = run(&Stripper3::stripFWPKs, options({"keepFWPKs"}), archiveItem({"x20"}, {"VendorInternalOS"}));
+    std::string log = run("stripFWPKs:", options({"keepFWPKs"}), archiveItem({"x20"}, {"VendorInternalOS"}));
     EXPECT_EQ(log, "+++ FWPKs found Mediadesk FWPKs/x10_VendorInternal.fwpk.\n");
     EXPECT_EQ(stripper->copiedFilelist(),
               (KeepList{"Mediadesk FWPKs/x10_VendorInternal.fwpk/payload", "Mediadesk FWPKs/x10_VendorInternal.fwpk/deep",
@@ -97,29 +103,29 @@ TEST_F(BundleContent, FirmwareArchiveOfTheProductMatchesWithoutRegardToCase) {
     writeFile(at("Mediadesk FWPKs/X30_1.FwPk/payload"), "p");
     writeFile(at("Mediadesk FWPKs/x30_plain.FWPK"), "a file, not a folder");
     writeFile(at("Mediadesk FWPKs/x30.zip"), "z");
-    std::string log = run(&Stripper3::stripFWPKs, options({"keepFWPKs"}), archiveItem({"x30"}, {}));
+    std::string log = run("stripFWPKs:", options({"keepFWPKs"}), archiveItem({"x30"}, {}));
     EXPECT_EQ(log, "+++ FWPKs found Mediadesk FWPKs/X30_1.FwPk, Mediadesk FWPKs/x30_plain.FWPK.\n");
     EXPECT_EQ(stripper->copiedFilelist(), (KeepList{"Mediadesk FWPKs/X30_1.FwPk/payload"}));
 }
 
 TEST_F(BundleContent, NoMatchingFirmwareArchiveWarnsWithTheFixedText) {
     writeFile(at("Mediadesk FWPKs/x30_1.FWPK/payload"), "p");
-    std::string log = run(&Stripper3::stripFWPKs, options({"keepFWPKs"}), archiveItem({"x10"}, {"UserOS"}));
+    std::string log = run("stripFWPKs:", options({"keepFWPKs"}), archiveItem({"x10"}, {"UserOS"}));
     EXPECT_EQ(log, "!!! WARNING: platform_keys.plist  () not found.\n");
     EXPECT_TRUE(stripper->copiedFilelist().empty());
-    EXPECT_EQ(run(&Stripper3::stripFWPKs, Value::dictionary(), archiveItem({"x30"}, {})), "");
+    EXPECT_EQ(run("stripFWPKs:", Value::dictionary(), archiveItem({"x30"}, {})), "");
 }
 
 TEST_F(BundleContent, RestoreToolsLinkIsKeptWithItsTarget) {
     writeFile(at("RT-9.dmg"), "r");
     link("RestoreTools.dmg", "RT-9.dmg");
-    EXPECT_EQ(run(&Stripper3::stripRestoreTools), "+++ RestoreTools found RT-9.dmg.\n");
+    EXPECT_EQ(run("stripRestoreTools:"), "+++ RestoreTools found RT-9.dmg.\n");
     EXPECT_EQ(stripper->copiedFilelist(), (KeepList{"RT-9.dmg", "RestoreTools.dmg"}));
 }
 
 TEST_F(BundleContent, PlainRestoreToolsImageAloneKeepsNothing) {
     writeFile(at("RestoreTools.dmg"), "r");
-    EXPECT_EQ(run(&Stripper3::stripRestoreTools), "");
+    EXPECT_EQ(run("stripRestoreTools:"), "");
     EXPECT_TRUE(stripper->copiedFilelist().empty());
     EXPECT_EQ(stripper->modifiedFiles().count(), 0u);
 }
@@ -129,7 +135,7 @@ TEST_F(BundleContent, SingleOtherImageGetsTheRestoreToolsLink) {
     writeFile(at("._Tools-123.dmg"), "resource fork");
     writeFile(at("Diag-1.dmg"), "d");
     link("HomeDiagnostic.dmg", "Diag-1.dmg");
-    EXPECT_EQ(run(&Stripper3::stripRestoreTools),
+    EXPECT_EQ(run("stripRestoreTools:"),
               "!!! WARNING: assuming single disk image \"Tools-123.dmg\" at root is the RestoreTools disk image.\n");
     EXPECT_EQ(stripper->copiedFilelist(), (KeepList{"Tools-123.dmg"}));
     ASSERT_TRUE(stripper->modifiedFiles().get("RestoreTools.dmg").isData());
@@ -139,7 +145,7 @@ TEST_F(BundleContent, SingleOtherImageGetsTheRestoreToolsLink) {
 TEST_F(BundleContent, TwoPlainImagesAreBothKept) {
     writeFile(at("one.dmg"), "1");
     writeFile(at("two.DMG"), "2");
-    EXPECT_EQ(run(&Stripper3::stripRestoreTools),
+    EXPECT_EQ(run("stripRestoreTools:"),
               "!!! WARNING: unable to identify the RestoreTools disk image as there are 2 disk images left in bundle "
               "root - including them all - one.dmg, two.DMG.\n");
     EXPECT_EQ(stripper->copiedFilelist(), (KeepList{"one.dmg", "two.DMG"}));
@@ -147,7 +153,7 @@ TEST_F(BundleContent, TwoPlainImagesAreBothKept) {
 
 TEST_F(BundleContent, NoImageAtAllKeepsNothing) {
     std::filesystem::create_directories(root());
-    EXPECT_EQ(run(&Stripper3::stripRestoreTools),
+    EXPECT_EQ(run("stripRestoreTools:"),
               "!!! WARNING: unable to identify the RestoreTools disk image as there are 0 disk images left in bundle "
               "root - including them all - .\n");
     EXPECT_TRUE(stripper->copiedFilelist().empty());
@@ -161,8 +167,8 @@ TEST_F(BundleContent, InvisiblesAreScrubbedByTheirOwnName) {
     auto stripperWithDebug = engine({"x10"}, {"repair"}, options({"keepDebug"}));
     Value item = Value::dictionary();
     std::string log = logged([&] {
-        stripperWithDebug->stripDebugFolder(item);
-        EXPECT_EQ(stripperWithDebug->stripInvisibles(item), 0);
+        stripperWithDebug->stripDebugFolder();
+        EXPECT_EQ(stripperWithDebug->stripInvisibles(), 0);
     });
     EXPECT_TRUE(contains(log, "--- invisibles scrub 2 items.\n")) << log;
     EXPECT_FALSE(keeps(*stripperWithDebug, "Debug/.DS_Store"));
@@ -176,7 +182,7 @@ TEST_F(BundleContent, InvisiblesAreScrubbedByTheirOwnName) {
 }
 
 TEST_F(BundleContent, NothingToScrubSaysNothing) {
-    EXPECT_EQ(run(&Stripper3::stripInvisibles), "");
+    EXPECT_EQ(run("stripInvisibles:"), "");
 }
 
 TEST_F(BundleContent, WholeRunScrubsInvisiblesFromKeptMaterial) {

@@ -45,7 +45,7 @@ public:
     // ---- steps of its own, two of them among the common ones ----
     int stripFWPKs(const Value& item) { return record("stripFWPKs", item); }
     int stripRestoreTools(const Value& item) { return record("stripRestoreTools", item); }
-    int stripInvisibles(const Value& item) { return record("stripInvisibles", item); }
+    int stripInvisibles() { return record("stripInvisibles", Value()); }
     int guessTools(const Value&) { return this->fallBackOnRootImages(rootNames); }
 
     std::vector<std::string> calls;
@@ -86,11 +86,18 @@ protected:
 };
 
 TEST_F(StripEngineTest, OperationNamedAnswersTheSharedStepsAndOnlyTheEnginesOwn) {
-    EXPECT_TRUE(QuietEngine::operationNamed("leaveCookie:") == &QuietEngine::leaveCookie);
-    EXPECT_TRUE(QuietEngine::operationNamed("stripSDKs:") == &QuietEngine::stripSDKs);
-    EXPECT_TRUE(QuietEngine::operationNamed("stripFWPKs:") == &QuietEngine::stripFWPKs);
-    EXPECT_TRUE(QuietEngine::operationNamed("stripRestoreFirmwareTargetMapDotTxt:") ==
-                &QuietEngine::stripRestoreFirmwareTargetMapDotTxt);
+    auto quiet = engine();
+    Value workItem = item("Targets", "stripRestoreFirmwareTargetMapDotTxt:");
+    for (const char* selector : {"leaveCookie:", "stripSDKs:", "stripFWPKs:", "stripInvisibles:",
+                                 "stripRestoreFirmwareTargetMapDotTxt:"}) {
+        EXPECT_NE(QuietEngine::operationNamed(selector), nullptr) << selector;
+    }
+    // A step that reads its item is handed the work item; one that does not is run all the same.
+    QuietEngine::operationNamed("stripRestoreFirmwareTargetMapDotTxt:")(*quiet, workItem);
+    QuietEngine::operationNamed("stripInvisibles:")(*quiet, workItem);
+    EXPECT_EQ(quiet->calls, (std::vector<std::string>{"map 2", "stripInvisibles"}));
+    EXPECT_EQ(quiet->itemsSeen.front().get("workName").text(), "Targets");
+    EXPECT_TRUE(quiet->itemsSeen.back().isNone());
     // Steps this engine has no operation for, a name without its colon, and no name.
     EXPECT_TRUE(QuietEngine::operationNamed("stripFactoryDiskImage:") == nullptr);
     EXPECT_TRUE(QuietEngine::operationNamed("mergeModifiedFiles:") == nullptr);
@@ -124,7 +131,7 @@ TEST_F(StripEngineTest, PerformWorkRunsTheItemsInOrderUnderTheirBanners) {
     auto quiet = engine();
     quiet->setWorkList(Value::array({item("Keys", "stripFWPKs:"), item("Tools", "stripRestoreTools:")}));
     int result = -1;
-    std::string log = logged([&] { result = quiet->performWork(Value()); });
+    std::string log = logged([&] { result = quiet->performWork(); });
     EXPECT_EQ(result, 0);
     EXPECT_EQ(quiet->calls, (std::vector<std::string>{"stripFWPKs", "stripRestoreTools"}));
     EXPECT_EQ(log, ">>> ==========  1/ 2 Keys ==========\n>>> ==========  2/ 2 Tools ==========\n");
@@ -136,7 +143,7 @@ TEST_F(StripEngineTest, PerformWorkStopsAtTheFirstFailureAndAnswersIt) {
     quiet->setWorkList(Value::array({item("Tools", "stripRestoreTools:"), item("Keys", "stripFWPKs:"),
                                      item("Invisibles", "stripInvisibles:")}));
     int result = -1;
-    logged([&] { result = quiet->performWork(Value()); });
+    logged([&] { result = quiet->performWork(); });
     EXPECT_EQ(result, 7);
     EXPECT_EQ(quiet->calls, (std::vector<std::string>{"stripRestoreTools", "stripFWPKs"}));
 }
@@ -145,7 +152,7 @@ TEST_F(StripEngineTest, PerformWorkRefusesAStepTheEngineLacks) {
     auto quiet = engine();
     quiet->setWorkList(Value::array({item("Disk image", "stripFactoryDiskImage:"), item("Keys", "stripFWPKs:")}));
     int result = -1;
-    std::string log = logged([&] { result = quiet->performWork(Value()); });
+    std::string log = logged([&] { result = quiet->performWork(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(quiet->calls.empty());
     EXPECT_TRUE(contains(log, "XXX ERROR: no operation stripFactoryDiskImage:.\n")) << log;
@@ -175,20 +182,20 @@ TEST_F(StripEngineTest, CommonWorkStopsAtTheFirstFailingStep) {
 TEST_F(StripEngineTest, AnOptionalFolderIsKeptWithItsListingWhenAsked) {
     auto quiet = engine(options({"keepDebug"}));
     quiet->listings["Debug"] = {"Debug/a", "Debug/b"};
-    EXPECT_EQ(logged([&] { quiet->stripDebugFolder(Value()); }), "+++ Debug folder found 2 items.\n");
+    EXPECT_EQ(logged([&] { quiet->stripDebugFolder(); }), "+++ Debug folder found 2 items.\n");
     EXPECT_EQ(quiet->kept, (std::vector<std::vector<std::string>>{{"Debug/a", "Debug/b"}}));
 }
 
 TEST_F(StripEngineTest, AnEmptyOptionalFolderIsHandedOnEmptyAndUnreported) {
     auto reporting = engine<ReportingEngine>(options({"keepBundleImages"}));
-    EXPECT_EQ(logged([&] { reporting->stripBundleImages(Value()); }), "");
+    EXPECT_EQ(logged([&] { reporting->stripBundleImages(); }), "");
     EXPECT_EQ(reporting->kept, (std::vector<std::vector<std::string>>{{}}));
 }
 
 TEST_F(StripEngineTest, AFolderNotAskedForIsNeitherListedNorReportedByAQuietEngine) {
     auto quiet = engine();
     quiet->listings["Debug"] = {"Debug/a"};
-    EXPECT_EQ(logged([&] { quiet->stripDebugFolder(Value()); }), "");
+    EXPECT_EQ(logged([&] { quiet->stripDebugFolder(); }), "");
     EXPECT_TRUE(quiet->calls.empty());
     EXPECT_TRUE(quiet->kept.empty());
 }
@@ -196,44 +203,44 @@ TEST_F(StripEngineTest, AFolderNotAskedForIsNeitherListedNorReportedByAQuietEngi
 TEST_F(StripEngineTest, AFolderNotAskedForIsReportedByAReportingEngine) {
     auto reporting = engine<ReportingEngine>();
     reporting->listings["Debug"] = {"Debug", "Debug/a", "Debug/b"};
-    EXPECT_EQ(logged([&] { reporting->stripDebugFolder(Value()); }), "--- Debug folder scrub 3 items.\n");
+    EXPECT_EQ(logged([&] { reporting->stripDebugFolder(); }), "--- Debug folder scrub 3 items.\n");
     EXPECT_TRUE(reporting->kept.empty());
 }
 
 TEST_F(StripEngineTest, ALinkedImageIsKeptWithItsLinkWhenAsked) {
     files->file("SDK-1.dmg", "image").link(kSDKImage.link, "SDK-1.dmg");
     auto quiet = engine(options({"keepSDK"}));
-    EXPECT_EQ(logged([&] { quiet->stripSDKs(Value()); }), "+++ NonUI SDK found \"SDK-1.dmg\".\n");
+    EXPECT_EQ(logged([&] { quiet->stripSDKs(); }), "+++ NonUI SDK found \"SDK-1.dmg\".\n");
     EXPECT_EQ(quiet->kept, (std::vector<std::vector<std::string>>{{"SDK-1.dmg", kSDKImage.link}}));
 }
 
 TEST_F(StripEngineTest, APlainFileUnderTheLinksNameIsNotKept) {
     files->file(kHomeDiagnosticsImage.link, "image");
     auto quiet = engine(options({"keepHomeDiagnostics"}));
-    EXPECT_EQ(logged([&] { quiet->stripHomeDiags(Value()); }), "");
+    EXPECT_EQ(logged([&] { quiet->stripHomeDiags(); }), "");
     EXPECT_EQ(quiet->kept, (std::vector<std::vector<std::string>>{{}}));
 }
 
 TEST_F(StripEngineTest, ALinkedImageNotAskedForIsReportedOnlyByAReportingEngineAndOnlyWhenPresent) {
     auto absent = engine<ReportingEngine>();
-    EXPECT_EQ(logged([&] { absent->stripHomeDiags(Value()); }), "");
+    EXPECT_EQ(logged([&] { absent->stripHomeDiags(); }), "");
     absent->listed.insert(kHomeDiagnosticsImage.link);
-    EXPECT_EQ(logged([&] { absent->stripHomeDiags(Value()); }), "--- HomeDiagnostics scrub.\n");
+    EXPECT_EQ(logged([&] { absent->stripHomeDiags(); }), "--- HomeDiagnostics scrub.\n");
 
     files->file("SDK-1.dmg", "image").link(kSDKImage.link, "SDK-1.dmg");
-    EXPECT_EQ(logged([&] { engine<ReportingEngine>()->stripSDKs(Value()); }), "--- NonUI SDK scrub.\n");
+    EXPECT_EQ(logged([&] { engine<ReportingEngine>()->stripSDKs(); }), "--- NonUI SDK scrub.\n");
     auto quiet = engine();
-    EXPECT_EQ(logged([&] { quiet->stripSDKs(Value()); }), "");
+    EXPECT_EQ(logged([&] { quiet->stripSDKs(); }), "");
     EXPECT_TRUE(quiet->kept.empty());
 }
 
 TEST_F(StripEngineTest, TheCookieIsLeftAmongTheModifiedFilesUnlessRefused) {
     auto quiet = engine();
-    EXPECT_EQ(logged([&] { quiet->leaveCookie(Value()); }), "+++ Oreo's left.  No milk.\n");
+    EXPECT_EQ(logged([&] { quiet->leaveCookie(); }), "+++ Oreo's left.  No milk.\n");
     EXPECT_TRUE(quiet->modified.get("WhittleCookie.plist").isDictionary());
 
     auto refused = engine(options({"noCookie"}));
-    EXPECT_EQ(logged([&] { refused->leaveCookie(Value()); }), "");
+    EXPECT_EQ(logged([&] { refused->leaveCookie(); }), "");
     EXPECT_EQ(refused->modified.count(), 0u);
 }
 

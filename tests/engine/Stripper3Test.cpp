@@ -122,7 +122,7 @@ TEST_F(Stripper3Basics, NoProductOrVariantMeansEveryValidProductAndTheFirstOnesV
     EXPECT_EQ(lastItem.get("workAllDeviceClasses").count(), 2u);
     // The first product fixed the variants: x30 has no "repair" identity, so that step fails.
     int result = 0;
-    std::string log = logged([&] { result = stripper->performWork(Value()); });
+    std::string log = logged([&] { result = stripper->performWork(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(contains(log, "XXX ERROR: BuildIdentity x30ap (Repair - Shipping Settings) not found.\n"));
 }
@@ -220,5 +220,5 @@ TEST_F(Stripper3Basics, DevFirmwareWithoutDevIdentitiesLeavesNoValidVariant) {
 
 TEST_F(Stripper3Basics, EmptyWorkListSucceeds) {
     auto stripper = engine({"x10"}, {});
-    EXPECT_EQ(stripper->performWork(Value()), 0);
+    EXPECT_EQ(stripper->performWork(), 0);
 }

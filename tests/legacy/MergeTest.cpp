@@ -14,7 +14,7 @@ protected:
         stripper = engine();
         stripper->setModifiedFilesList(Value::array(ValueArray(lists.begin(), lists.end())));
         int result = -1;
-        std::string said = logged([&] { result = stripper->mergeModifiedFiles(Value::dictionary()); });
+        std::string said = logged([&] { result = stripper->mergeModifiedFiles(); });
         if (log) *log = said;
         return result;
     }
@@ -98,7 +98,7 @@ TEST_F(LegacyMerge, KeptPathsStandOnceSortedWithoutRegardToCase) {
     merger->setStrippedManifestsList(Value::array({strings({"Restore/b.dmg", "Restore", "Restore/a.dmg"}),
                                                    strings({"Restore/B.dmg", "Restore", "Restore/a.dmg"}), Value::array()}));
     int result = -1;
-    std::string log = logged([&] { result = merger->mergeStrippedManifests(Value::dictionary()); });
+    std::string log = logged([&] { result = merger->mergeStrippedManifests(); });
     EXPECT_EQ(result, 0);
     EXPECT_EQ(texts(merger->strippedManifest()), (std::vector<std::string>{"Restore", "Restore/a.dmg", "Restore/B.dmg", "Restore/b.dmg"}));
     EXPECT_EQ(log,
@@ -109,7 +109,7 @@ TEST_F(LegacyMerge, KeptPathsStandOnceSortedWithoutRegardToCase) {
 
 TEST_F(LegacyMerge, NoKeptPathsMakeAnEmptyManifest) {
     auto merger = engine();
-    EXPECT_EQ(merger->mergeStrippedManifests(Value::dictionary()), 0);
+    EXPECT_EQ(merger->mergeStrippedManifests(), 0);
     EXPECT_TRUE(merger->strippedManifest().isArray());
     EXPECT_EQ(merger->strippedManifest().count(), 0u);
 }

@@ -193,7 +193,7 @@ TEST_F(RestorePlistUsingTessera, TwoVariantsOfOneProductDifferOnlyInKindsAndType
     EXPECT_TRUE(release.get("SupportedProductTypes").equals(development.get("SupportedProductTypes")));
     EXPECT_FALSE(release.get("KernelCachesByTarget").equals(development.get("KernelCachesByTarget")));
     int result = -1;
-    logged([&] { result = stripper->mergeModifiedFiles(Value::dictionary()); });
+    logged([&] { result = stripper->mergeModifiedFiles(); });
     ASSERT_EQ(result, 0);
     Value merged = stripper->modifiedFiles().get("Restore/Restore.plist");
     EXPECT_EQ(keysSortedIgnoringCase(merged.get("KernelCachesByTarget").get("X10")),

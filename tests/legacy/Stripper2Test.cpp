@@ -220,7 +220,7 @@ TEST_F(Stripper2Analysis, TwoIdentitiesOfOneVariantGiveItsItemsTwice) {
                                                  "stripRestoreUsingTessera:", "stripRestorePlistUsingTessera:"}));
     // The merges absorb the duplicates.
     int result = -1;
-    logged([&] { result = stripper->performWork(Value()); });
+    logged([&] { result = stripper->performWork(); });
     EXPECT_EQ(result, 0);
     EXPECT_EQ(stripper->modifiedFiles().get("Restore/BuildManifest.plist").get("BuildIdentities").count(), 2u);
 }
@@ -273,7 +273,7 @@ TEST_F(Stripper2Analysis, BannersNumberTheItemsAndAFailingItemStopsTheRun) {
     auto stripper = engine();
     stripper->setWorkList(list);
     int result = -1;
-    std::string log = logged([&] { result = stripper->performWork(Value()); });
+    std::string log = logged([&] { result = stripper->performWork(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(contains(log, ">>> ==========  3/11 Merging stripped manifests ==========\n")) << log;
     EXPECT_TRUE(contains(log, ">>> ==========  9/11 Merging stripped manifests ==========\n"));
@@ -285,11 +285,11 @@ TEST_F(Stripper2Analysis, AnUnknownOperationStopsTheRun) {
     auto stripper = engine();
     stripper->setWorkList(Value::array({dict({{"workName", Value::string("odd")}, {"workSelector", Value::string("nothing:")}})}));
     int result = -1;
-    std::string log = logged([&] { result = stripper->performWork(Value()); });
+    std::string log = logged([&] { result = stripper->performWork(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(contains(log, "XXX ERROR: no operation nothing:.\n"));
     stripper->setWorkList(Value::array());
-    EXPECT_EQ(stripper->performWork(Value()), 0);
+    EXPECT_EQ(stripper->performWork(), 0);
 }
 
 // ---- valid products and variants ----
@@ -424,7 +424,7 @@ TEST_F(Stripper2Analysis, TheCookieIsLeftWhereNoMergePicksItUp) {
 TEST_F(Stripper2Analysis, NoCookieLeavesNothingAndSaysNothing) {
     auto stripper = engine({}, {}, options({"noCookie"}));
     std::size_t before = stripper->modifiedFilesList().count();
-    std::string log = logged([&] { EXPECT_EQ(stripper->leaveCookie(Value::dictionary()), 0); });
+    std::string log = logged([&] { EXPECT_EQ(stripper->leaveCookie(), 0); });
     EXPECT_EQ(log, "");
     EXPECT_EQ(stripper->modifiedFilesList().count(), before);
 }

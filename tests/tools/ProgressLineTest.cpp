@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -179,4 +181,21 @@ TEST(ProgressLine, IgnoresWhatIsNoRecord) {
     for (const char* junk : {"done", "done 1", "done -1 2", "done 1 2x", "donee 1 2"}) terminal.line.takeRecord(junk);
     EXPECT_EQ(terminal.draws(), 1u);
     EXPECT_EQ(terminal.writes[0], kErase + "working  0%  0/2 files");
+}
+
+TEST(TerminalColumns, AreTheTerminalsWidthAndNoneForAPipe) {
+    int master = -1, terminal = -1;
+    winsize size{};
+    size.ws_col = 97;
+    size.ws_row = 20;
+    ASSERT_EQ(::openpty(&master, &terminal, nullptr, nullptr, &size), 0);
+    EXPECT_EQ(whittle::terminalColumns(terminal), 97u);
+    ::close(master);
+    ::close(terminal);
+
+    int pipeEnds[2];
+    ASSERT_EQ(::pipe(pipeEnds), 0);
+    EXPECT_EQ(whittle::terminalColumns(pipeEnds[1]), 0u);
+    ::close(pipeEnds[0]);
+    ::close(pipeEnds[1]);
 }
