@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <set>
@@ -304,7 +305,9 @@ std::shared_ptr<ZipBundleFiles> openArchiveBundle(const std::string& source) {
     std::string error;
     std::shared_ptr<ByteSource> bytes;
     if (isRemoteSource(source)) {
-        bytes = HttpByteSource::open(source, error);
+        HttpLimits limits;
+        limits.stallTimeout = std::chrono::seconds(WHITTLE_HTTP_STALL_SECONDS);
+        bytes = HttpByteSource::open(source, error, limits);
     } else {
         bytes = FileByteSource::open(source, error);
     }

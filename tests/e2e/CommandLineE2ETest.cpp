@@ -11,12 +11,11 @@ using namespace whittle::test;
 
 namespace {
 
-const std::string kLogFile = "/tmp/Whittle.log";
 const std::string kLogFileMessage = "XXX ERROR: log file in /tmp/Whittle.log\n";
 
 class WhittleCommandLine : public testing::Test {
 protected:
-    void SetUp() override { removeTree(kLogFile); }
+    void SetUp() override { removeWhittleLog(); }
 
     std::vector<std::string> listedNames(const std::string& output) {
         whittle::Value list = whittle::parsePropertyList(output);
@@ -86,13 +85,13 @@ void expectUsage(const ProgramResult& result) {
 TEST_F(WhittleCommandLine, NoArgumentsPrintsUsageAndWritesNoLog) {
     auto result = runWhittle({});
     expectUsage(result);
-    EXPECT_FALSE(pathExists(kLogFile));
+    EXPECT_FALSE(whittleLogExists());
 }
 
 TEST_F(WhittleCommandLine, HelpInMixedCaseAmongOtherArguments) {
     auto result = runWhittle({"bundle", "--factory", "repair", "--HELP", "--product", "zz9"});
     expectUsage(result);
-    EXPECT_FALSE(pathExists(kLogFile));
+    EXPECT_FALSE(whittleLogExists());
 }
 
 TEST_F(WhittleCommandLine, KnownProductsListsThirtySixSortedNames) {
@@ -105,7 +104,7 @@ TEST_F(WhittleCommandLine, KnownProductsListsThirtySixSortedNames) {
     EXPECT_EQ(names.front(), "k10");
     EXPECT_EQ(names.back(), "x83");
     EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
-    EXPECT_FALSE(pathExists(kLogFile));
+    EXPECT_FALSE(whittleLogExists());
 }
 
 TEST_F(WhittleCommandLine, KnownVariantsListsFifteenSortedNames) {
@@ -115,7 +114,7 @@ TEST_F(WhittleCommandLine, KnownVariantsListsFifteenSortedNames) {
     EXPECT_EQ(names, (std::vector<std::string>{"bb-dfu", "cti", "debug", "desense", "dfu", "internal-debug",
                                                "internal-dev", "internal-install", "nandnuker", "oqc-bb-unlock",
                                                "repair", "ss", "support", "swdl", "vendor"}));
-    EXPECT_FALSE(pathExists(kLogFile));
+    EXPECT_FALSE(whittleLogExists());
 }
 
 TEST_F(WhittleCommandLine, ListingFirstIgnoresEverythingAfterIt) {
@@ -158,7 +157,7 @@ TEST_P(WhittleParseFailures, PrintsMessageSavesLogAndExitsWithStatus) {
     auto result = runWhittle(failure.arguments);
     EXPECT_EQ(result.status, failure.status);
     EXPECT_EQ(result.out, failure.messages + kLogFileMessage);
-    EXPECT_EQ(readFile(kLogFile), failure.messages);
+    EXPECT_EQ(readWhittleLog(), failure.messages);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -189,7 +188,7 @@ TEST_F(WhittleCommandLine, AcceptedCommandLineReachesTheLegacyEngine) {
     std::string missing = "XXX ERROR: source \"bundle\" does not exist.\n";
     std::string failure = "XXX ERROR: BuildManifest.plist cannot be read.\n";
     EXPECT_EQ(result.out, missing + failure + "Validation FAILED.\n" + kLogFileMessage);
-    EXPECT_EQ(readFile(kLogFile), missing + ">>> analyzing bundle.\n" + failure + "Validation FAILED.\n");
+    EXPECT_EQ(readWhittleLog(), missing + ">>> analyzing bundle.\n" + failure + "Validation FAILED.\n");
 }
 
 TEST_F(WhittleCommandLine, WarningsAreLoggedAndDoNotChangeTheStatus) {
@@ -206,16 +205,16 @@ TEST_F(WhittleCommandLine, WarningsAreLoggedAndDoNotChangeTheStatus) {
     std::string missing = "XXX ERROR: source \"" + dir / "a" + "\" does not exist.\n";
     std::string failure = "XXX ERROR: BuildManifest.plist cannot be read.\n";
     EXPECT_EQ(result.out, warnings + missing + failure + kLogFileMessage);
-    EXPECT_EQ(readFile(kLogFile), warnings + missing + ">>> analyzing bundle.\n" + failure);
+    EXPECT_EQ(readWhittleLog(), warnings + missing + ">>> analyzing bundle.\n" + failure);
     EXPECT_FALSE(pathExists(dir / "b"));
 }
 
 TEST_F(WhittleCommandLine, LogFileIsReplacedByEveryRun) {
-    writeFile(kLogFile, "an old log that must go\n");
+    writeWhittleLog("an old log that must go\n");
     TempDir dir;
     auto result = runWhittle({dir.path(), "--validproducts"});
     EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(readFile(kLogFile), "XXX ERROR: source \"" + dir.path() + "\" has no \"Restore\" folder.\n" +
+    EXPECT_EQ(readWhittleLog(), "XXX ERROR: source \"" + dir.path() + "\" has no \"Restore\" folder.\n" +
                                       "XXX ERROR: BuildManifest.plist cannot be read.\nXXX ERROR: cannot get valid products.\n");
 }
 

@@ -63,7 +63,7 @@ TEST_F(WhittleDiskImage, SourceImageIsMountedValidatedAndEjected) {
     EXPECT_EQ(result.status, 0) << result.out << result.err;
     EXPECT_TRUE(contains(result.out, "!!! NOTE: image mounted at: " + mountPoint() + ".\n")) << result.out;
     EXPECT_TRUE(contains(result.out, "Validation PASSED.\n"));
-    std::string log = readFile("/tmp/Whittle.log");
+    std::string log = readWhittleLog();
     EXPECT_TRUE(contains(log, ">>> mounting disk image \"" + dir / "source.dmg" + "\".\n"));
     EXPECT_TRUE(contains(log, ">>> unmounting disk image.\n"));
     EXPECT_FALSE(pathExists(mountPoint()));
@@ -88,7 +88,7 @@ TEST_F(WhittleDiskImage, PreviouslyAttachedImageIsUsedInPlaceAndLeftAttached) {
     auto result = whittle(plus({dir / "source.dmg"}, request));
     EXPECT_EQ(result.status, 0) << result.out;
     EXPECT_TRUE(contains(result.out, "!!! NOTE: image previously mounted at: " + mountPoint() + ".\n")) << result.out;
-    EXPECT_FALSE(contains(readFile("/tmp/Whittle.log"), ">>> unmounting disk image."));
+    EXPECT_FALSE(contains(readWhittleLog(), ">>> unmounting disk image."));
     EXPECT_TRUE(pathExists(mountPoint() + "/Restore/BuildManifest.plist"));
 }
 
@@ -114,7 +114,7 @@ TEST_F(WhittleDiskImage, DamagedSourceImageCannotBeMounted) {
     EXPECT_TRUE(contains(result.out, "XXX ERROR: unable to mount source disk image: " + dir / "broken.dmg" + ".\n"))
         << result.out;
     EXPECT_FALSE(contains(result.out, "Validation"));
-    EXPECT_FALSE(contains(readFile("/tmp/Whittle.log"), ">>> unmounting disk image."));
+    EXPECT_FALSE(contains(readWhittleLog(), ">>> unmounting disk image."));
 }
 
 TEST_F(WhittleDiskImage, EncryptedTargetWithoutATerminalFailsAndLeavesNothing) {

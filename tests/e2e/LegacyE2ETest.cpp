@@ -15,7 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kLogFile = "/tmp/Whittle.log";
 
 std::vector<std::string> plus(std::vector<std::string> a, const std::vector<std::string>& b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -70,7 +69,7 @@ TEST_F(LegacyRun, ValidationPasses) {
     auto result = whittle(plus({source()}, kPersonalized));
     EXPECT_EQ(result.status, 0) << result.out;
     EXPECT_TRUE(result.out.ends_with("Validation PASSED.\n")) << result.out;
-    std::string log = readFile(kLogFile);
+    std::string log = readWhittleLog();
     EXPECT_TRUE(contains(log, ">>> ==========  1/ 7 Strip Restore and BuildManifest.plist for x10ap repair. ==========\n")) << log;
     EXPECT_TRUE(contains(log, "||| merging  1/ 2 stripped manifests.\n")) << log;
     EXPECT_TRUE(contains(log, "+++ Oreo's left.  No milk.\n"));
@@ -86,7 +85,7 @@ TEST_F(LegacyRun, ValidationFailsForAVariantTheBundleLacks) {
 TEST_F(LegacyRun, ValidationWithEveryVariantTheBundleOffers) {
     auto result = whittle({source(), "--legacy", "--product", "x10", "--unpersonalized", "on"});
     EXPECT_EQ(result.status, 0) << result.out;
-    std::string log = readFile(kLogFile);
+    std::string log = readWhittleLog();
     // "Factory - Shipping Settings" serves both "cti" and "ss".
     for (const char* variant : {"cti", "repair", "ss"}) {
         EXPECT_TRUE(contains(log, std::string("Strip Restore and Restore.plist for x10ap ") + variant + ". ==")) << variant;

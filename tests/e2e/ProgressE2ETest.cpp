@@ -14,7 +14,6 @@ using namespace whittle::test;
 namespace {
 
 const std::string kErase = kTerminalLineErase;
-const std::string kLogFile = "/tmp/Whittle.log";
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -88,7 +87,7 @@ TEST_F(ProgressLineRun, FolderTargetOnATerminalShowsALiveLineErasedAtTheEnd) {
     EXPECT_TRUE(run.err.ends_with(kErase)) << run.err;
     EXPECT_TRUE(pathExists(dir / "stripped/Restore/BuildManifest.plist"));
     EXPECT_FALSE(contains(run.out, "\x1b[K"));
-    std::string log = readFile(kLogFile);
+    std::string log = readWhittleLog();
     EXPECT_FALSE(contains(log, "\x1b[K"));
     EXPECT_FALSE(contains(log, " files  "));
 }
@@ -112,7 +111,7 @@ TEST_F(ProgressLineRun, VerboseListingStaysWholeBesideTheLine) {
     EXPECT_NE(std::find(listed.begin(), listed.end(), "./Restore/kernelcache.release.x10"), listed.end()) << shown.out;
     EXPECT_EQ(listed, listedPaths(quiet.out));
     EXPECT_FALSE(contains(shown.out, "\x1b[K"));
-    EXPECT_FALSE(contains(readFile(kLogFile), "\x1b[K"));
+    EXPECT_FALSE(contains(readWhittleLog(), "\x1b[K"));
 }
 
 TEST_F(ProgressLineOfEachStep, ZipTargetShowsTheArchivingAndErasesIt) {
@@ -129,5 +128,5 @@ TEST_F(ProgressLineOfEachStep, DiskImageTargetShowsTheCopyThenTheImage) {
     EXPECT_EQ(stepsDrawn(run.err), (std::vector<std::string>{"copying", "writing image"})) << run.err;
     EXPECT_TRUE(run.err.ends_with(kErase)) << run.err;
     EXPECT_TRUE(contains(run.out, "Checksum Value:")) << run.out;
-    EXPECT_FALSE(contains(readFile(kLogFile), "\x1b[K"));
+    EXPECT_FALSE(contains(readWhittleLog(), "\x1b[K"));
 }

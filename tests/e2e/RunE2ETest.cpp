@@ -14,11 +14,10 @@ using namespace whittle::test;
 
 namespace {
 
-const std::string kLogFile = "/tmp/Whittle.log";
 
 class WhittleRun : public testing::Test {
 protected:
-    void SetUp() override { removeTree(kLogFile); }
+    void SetUp() override { removeWhittleLog(); }
 
     std::string bundle(const std::vector<std::pair<std::string, std::vector<std::string>>>& products) {
         bundlegen::BundlePlan plan;
@@ -56,8 +55,8 @@ TEST_F(WhittleRun, ValidationPasses) {
     auto result = runWhittle({source, "--product", "x10", "--factory", "repair"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "Validation PASSED.\n");
-    EXPECT_TRUE(contains(readFile(kLogFile), ">>> analyzing bundle.\n"));
-    EXPECT_TRUE(contains(readFile(kLogFile), "Validation PASSED.\n"));
+    EXPECT_TRUE(contains(readWhittleLog(), ">>> analyzing bundle.\n"));
+    EXPECT_TRUE(contains(readWhittleLog(), "Validation PASSED.\n"));
 }
 
 TEST_F(WhittleRun, ValidationFailsForAVariantTheBundleLacks) {
@@ -86,7 +85,7 @@ TEST_F(WhittleRun, ValidProductsReport) {
     Value report = reportOf(result.out);
     EXPECT_TRUE(report.get("validProducts").equals(Value::stringArray({"x10", "x30"}))) << result.out;
     EXPECT_TRUE(result.out.ends_with("</plist>\n\n"));
-    EXPECT_TRUE(pathExists(kLogFile));
+    EXPECT_TRUE(whittleLogExists());
 }
 
 TEST_F(WhittleRun, ValidProductsReportFailsWithoutProducts) {
@@ -112,7 +111,7 @@ TEST_F(WhittleRun, ValidVariantsChangesAnUnsupportedProductToTheFirstValidOne) {
     EXPECT_TRUE(result.out.starts_with(">>> NOTE changing products to (\n    x10\n)\n<?xml")) << result.out;
     Value report = reportOf(result.out.substr(result.out.find("<?xml")));
     EXPECT_TRUE(report.get("validVariants").equals(Value::stringArray({"dfu"}))) << result.out;
-    EXPECT_TRUE(contains(readFile(kLogFile), ">>> NOTE changing products to (\n    x10\n)\n"));
+    EXPECT_TRUE(contains(readWhittleLog(), ">>> NOTE changing products to (\n    x10\n)\n"));
     auto withoutProduct = runWhittle({source, "--validvariants"});
     EXPECT_TRUE(withoutProduct.out.starts_with(">>> NOTE changing products to (\n    x10\n)\n<?xml")) << withoutProduct.out;
 }

@@ -155,7 +155,7 @@ TEST_F(WhittleTarget, OverwriteMovesTheExistingTargetToTheTrash) {
     writeFile(dir / "out/mine.txt", "mine");
     auto result = whittle(plus({source(), dir / "out", "--ov"}, request));
     EXPECT_EQ(result.status, 0) << result.out;
-    EXPECT_TRUE(contains(readFile("/tmp/Whittle.log"), ">>> NOTE: moved pre-existing target \"" + dir / "out" + "\" to Trash.\n"));
+    EXPECT_TRUE(contains(readWhittleLog(), ">>> NOTE: moved pre-existing target \"" + dir / "out" + "\" to Trash.\n"));
     EXPECT_FALSE(pathExists(dir / "out/mine.txt"));
     EXPECT_EQ(readFile(dir / "data/Trash/files/out/mine.txt"), "mine");
 }

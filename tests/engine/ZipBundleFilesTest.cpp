@@ -296,7 +296,7 @@ TEST_F(ZipBundleFilesTest, ArchiveThatCannotBeReadAnyMoreIsAnErrorSaidOnce) {
     ZipBundleFiles files(archive);
     source->failing = true;
     int readError = 0;
-    std::string said = logged([&] {
+    said = logged([&] {
         EXPECT_FALSE(files.readFile("Restore/BuildManifest.plist", &readError));
         EXPECT_FALSE(files.readFile("Restore/Restore.plist"));
     });

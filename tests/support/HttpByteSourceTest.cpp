@@ -504,3 +504,10 @@ TEST(HttpByteSourceAnswers, LastFailureTellsWhyTheLatestReadFailedAtTheServer) {
     EXPECT_FALSE(source->read(990, 20, out, error));
     EXPECT_EQ(source->lastFailure(), "") << "a read past the end is the reader's mistake, not the server's";
 }
+
+TEST(HttpLimits, GiveUpAfterThirtySecondsOfSilenceAndFiveRedirects) {
+    whittle::HttpLimits limits;
+    EXPECT_EQ(limits.stallTimeout, std::chrono::seconds(30));
+    EXPECT_EQ(limits.connectTimeout, std::chrono::seconds(30));
+    EXPECT_EQ(limits.maxRedirects, 5);
+}

@@ -81,7 +81,7 @@ std::optional<std::string> MemoryBundleFiles::resolved(std::string_view relative
         if (++hops > kMostLinkHops || target.empty() || target.front() == '/') return std::nullopt;
         done.pop_back();
         auto targetSteps = stepsOf(target);
-        for (auto step = targetSteps.rbegin(); step != targetSteps.rend(); ++step) pending.push_back(*step);
+        pending.insert(pending.end(), targetSteps.rbegin(), targetSteps.rend());
     }
     return joined(done, done.size());
 }

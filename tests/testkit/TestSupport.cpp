@@ -1,5 +1,7 @@
 #include "TestSupport.hpp"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -136,6 +138,42 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const RunOptions&
 }
 
 std::string whittleBinary() { return WHITTLE_BINARY; }
+
+namespace {
+
+// Under CTest a log reader holds every slot of the whittle_runs resource, and every other
+// test that runs whittle holds one. Run by hand, a test program runs alone.
+void expectTheLogToItself() {
+    if (!std::getenv("CTEST_RESOURCE_GROUP_COUNT")) return;
+    const char* held = std::getenv("CTEST_RESOURCE_GROUP_0_WHITTLE_RUNS");
+    std::string allSlots = "slots:" + std::to_string(WHITTLE_TEST_RUN_SLOTS);
+    if (!held || std::string(held).find(allSlots) == std::string::npos) {
+        ADD_FAILURE() << "this test uses " << kWhittleLogFile
+                      << " while other tests may run whittle: list it among its program's log readers in tests/CMakeLists.txt";
+    }
+}
+
+}  // namespace
+
+std::string readWhittleLog() {
+    expectTheLogToItself();
+    return readFile(kWhittleLogFile);
+}
+
+bool whittleLogExists() {
+    expectTheLogToItself();
+    return pathExists(kWhittleLogFile);
+}
+
+void writeWhittleLog(const std::string& content) {
+    expectTheLogToItself();
+    writeFile(kWhittleLogFile, content);
+}
+
+void removeWhittleLog() {
+    expectTheLogToItself();
+    removeTree(kWhittleLogFile);
+}
 
 ProgramResult runWhittle(const std::vector<std::string>& arguments, const RunOptions& options) {
     std::vector<std::string> argv{whittleBinary()};

@@ -61,6 +61,17 @@ std::string whittleBinary();
 // Runs whittle with these arguments (the program path is added in front).
 ProgramResult runWhittle(const std::vector<std::string>& arguments, const RunOptions& options = {});
 
+// The log every run of whittle writes, "/tmp/Whittle.log", is one file for all the test
+// programs, which run side by side. A test that reads, writes or removes it must have it
+// to itself: tests/CMakeLists.txt lists it among its program's log readers, so that no
+// other test runs whittle meanwhile. Under CTest these helpers fail the test that is not
+// listed.
+inline constexpr const char* kWhittleLogFile = "/tmp/Whittle.log";
+std::string readWhittleLog();
+bool whittleLogExists();
+void writeWhittleLog(const std::string& content);
+void removeWhittleLog();
+
 // Every path below a folder, relative to it; links are listed, never followed.
 std::set<std::string> folderTree(const std::string& root);
 
