@@ -146,13 +146,17 @@ protected:
 TEST_P(WhittleStopped, LeavesNoProcessNoPartialTargetAndTheNextRunSucceeds) {
     const StopCase& stop = GetParam();
     std::string extension = *stop.kind ? std::string(".") + stop.kind : std::string();
-    // The moments are spread over a whole run.
-    auto started = std::chrono::steady_clock::now();
-    ProgramResult whole = whittle({Bundles::shared().large(), dir / ("whole" + extension)});
-    ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
-    auto runMilliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
-    removeTree(dir / ("whole" + extension));
-    removeTree(dir / "data");
+    // The moments are spread over the quicker of two whole runs.
+    auto runMilliseconds = std::chrono::milliseconds::max();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        auto started = std::chrono::steady_clock::now();
+        ProgramResult whole = whittle({Bundles::shared().large(), dir / ("whole" + extension)});
+        ASSERT_EQ(whole.status, 0) << whole.out << whole.err;
+        runMilliseconds = std::min(runMilliseconds, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                        std::chrono::steady_clock::now() - started));
+        removeTree(dir / ("whole" + extension));
+        removeTree(dir / "data");
+    }
 
     int finished = 0;
     for (int moment : momentsWithin(static_cast<int>(runMilliseconds.count()))) {

@@ -141,15 +141,15 @@ std::string whittleBinary() { return WHITTLE_BINARY; }
 
 namespace {
 
-// Under CTest a log reader holds every slot of the whittle_runs resource, and every other
-// test that runs whittle holds one. Run by hand, a test program runs alone.
+// Under CTest a test that runs alone holds every slot of the whittle_runs resource, and
+// every other test that runs whittle holds one. Run by hand, a test program runs alone.
 void expectTheLogToItself() {
     if (!std::getenv("CTEST_RESOURCE_GROUP_COUNT")) return;
     const char* held = std::getenv("CTEST_RESOURCE_GROUP_0_WHITTLE_RUNS");
     std::string allSlots = "slots:" + std::to_string(WHITTLE_TEST_RUN_SLOTS);
     if (!held || std::string(held).find(allSlots) == std::string::npos) {
         ADD_FAILURE() << "this test uses " << kWhittleLogFile
-                      << " while other tests may run whittle: list it among its program's log readers in tests/CMakeLists.txt";
+                      << " while other tests may run whittle: name it among the tests of its program that run alone (ALONE in tests/CMakeLists.txt)";
     }
 }
 

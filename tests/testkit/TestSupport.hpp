@@ -63,8 +63,8 @@ ProgramResult runWhittle(const std::vector<std::string>& arguments, const RunOpt
 
 // The log every run of whittle writes, "/tmp/Whittle.log", is one file for all the test
 // programs, which run side by side. A test that reads, writes or removes it must have it
-// to itself: tests/CMakeLists.txt lists it among its program's log readers, so that no
-// other test runs whittle meanwhile. Under CTest these helpers fail the test that is not
+// to itself: tests/CMakeLists.txt names it among the tests of its program that run alone,
+// so that no other test runs whittle meanwhile. Under CTest these helpers fail the test that is not
 // listed.
 inline constexpr const char* kWhittleLogFile = "/tmp/Whittle.log";
 std::string readWhittleLog();
