@@ -496,7 +496,10 @@ int Run::updateAndChecksumZipTarget(Stripper& engine) {
     int status = applyModifiedFilesTo(engine, bundleFolder, kUnchangingAccessTime);
     if (status != 0) return status;
     if (!std::filesystem::is_empty(bundleFolder, ignored)) {
-        status = tools_.run(tools_.paths().zipTool, {"-rvy", stagedTarget_, "."}, nullptr, bundleFolder);
+        // zip writes the archive anew under a name of its own before renaming it; that
+        // file goes in the temporary folder, so a zip that dies leaves nothing beside the target.
+        status = tools_.run(tools_.paths().zipTool, {"-rvy", "-b", temporaryFolder(), stagedTarget_, "."}, nullptr,
+                            bundleFolder);
         if (status != 0) {
             Log("XXX ERROR: unable to update files in ZIP archive.");
             tools_.explainLastFailure();

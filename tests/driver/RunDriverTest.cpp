@@ -214,7 +214,8 @@ protected:
             writeFile(call.arguments.back(), "archive of:\n" + readFile(call.arguments.at(4)));
         });
         tools.answer(kZipTool, toolResult(0), [](const ToolCall& call) {
-            fs::path archive = fs::path(call.workingFolder) / call.arguments.at(1);  // relative to where zip runs
+            // The archive comes just before the folder added, relative to where zip runs.
+            fs::path archive = fs::path(call.workingFolder) / call.arguments.at(call.arguments.size() - 2);
             std::ofstream(archive, std::ios::app)
                 << "updated with:\n" << treeListing(call.workingFolder);
         });
@@ -665,7 +666,8 @@ TEST_F(RunDriverTest, ZipTargetIsArchivedUpdatedAndChecksummedUnderItsOwnName) {
     EXPECT_EQ(tools.calls()[0].arguments.back(), bomPath);
     EXPECT_EQ(tools.calls()[1].arguments, (std::vector<std::string>{"-ck", "--noextattr", "--noacl", "--bom", bomPath,
                                                                     source(), staged(target)}));
-    EXPECT_EQ(tools.calls()[2].arguments, (std::vector<std::string>{"-rvy", staged(target), "."}));
+    EXPECT_EQ(tools.calls()[2].arguments,
+              (std::vector<std::string>{"-rvy", "-b", temporaryFolder(target), staged(target), "."}));
     EXPECT_EQ(tools.calls()[2].workingFolder, bundleFolder);
     EXPECT_EQ(tools.callLines()[3], "openssl md5 " + staged(target));
     std::string archive = readFile(target);
@@ -719,6 +721,30 @@ TEST_F(RunDriverTest, ZipUpdateFailureSendsTheArchiveAndTheTemporaryFolderToTheT
     EXPECT_TRUE(readFile(trash() + "/" + lastPathComponent(staged(target))).starts_with("archive of:\n"));
     EXPECT_EQ(tools.callsOf(kOpensslTool).size(), 0u);
     EXPECT_FALSE(pathExists(target));
+    expectSavedLog(outcome);
+}
+
+TEST_F(RunDriverTest, AZipThatDiesLeavesItsOwnWorkingArchiveOnlyInTheTemporaryFolder) {
+    std::string target = dir / "out.zip";
+    tools.answer(kZipTool, toolResult(134, "", "free(): double free detected in tcache 2\n"),
+                 [](const ToolCall& call) {
+                     ASSERT_GE(call.arguments.size(), 3u);
+                     ASSERT_EQ(call.arguments[1], "-b");
+                     writeFile(call.arguments[2] + "/ziWkaYev", "half an archive");
+                 });
+    trashWorks = false;
+    auto outcome = run(withRequest({source(), target}));
+    EXPECT_EQ(outcome.status, 134);
+    EXPECT_TRUE(outcome.log.ends_with(lines({"XXX ERROR: unable to update files in ZIP archive.",
+                                             "!!! NOTE: free(): double free detected in tcache 2",
+                                             ">>> cleaning up...",
+                                             ">>> NOTE cannot move \"" + lastPathComponent(temporaryFolder(target)) +
+                                                 "\" to Trash - deleted instead.",
+                                             ">>> NOTE cannot move \"" + lastPathComponent(staged(target)) +
+                                                 "\" to Trash - deleted instead.",
+                                             "XXX ERROR: log file in " + logPath()})))
+        << outcome.log;
+    EXPECT_EQ(folderTree(dir.path()), (std::set<std::string>{"Volumes", "bundle", "run.log"}));
     expectSavedLog(outcome);
 }
 
