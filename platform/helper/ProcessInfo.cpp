@@ -1,8 +1,8 @@
 #include "platform/helper/ProcessInfo.hpp"
 
+#include "support/FileSystem.hpp"
+
 #include <charconv>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -15,11 +15,10 @@ namespace {
 // so counting starts after the last ')'.
 constexpr int kStartTimeFieldAfterName = 22 - 2;
 
+// None once the process is gone, even when it goes between the open and the read.
 std::optional<std::string> statLineOf(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    if (!stat) return std::nullopt;
-    std::string line((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    if (line.empty()) return std::nullopt;
+    auto line = readWholeFile("/proc/" + std::to_string(pid) + "/stat");
+    if (!line || line->empty()) return std::nullopt;
     return line;
 }
 

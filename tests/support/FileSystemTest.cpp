@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -19,6 +23,24 @@ TEST(FileSystem, ReadWholeFile) {
     EXPECT_EQ(*read, content);
     EXPECT_FALSE(whittle::readWholeFile(dir / "missing").has_value());
     EXPECT_FALSE(whittle::readWholeFile(dir.path()).has_value());
+}
+
+// A process's status file read after the process has gone fails to read: that answers
+// none, as an unreadable file does, and throws nothing.
+TEST(FileSystem, ReadWholeDescriptorOfAProcessThatEndedAfterTheOpenAnswersNone) {
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    int fd = ::open(("/proc/" + std::to_string(child) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_FALSE(whittle::readWholeDescriptor(fd).has_value());
+    EXPECT_EQ(errno, ESRCH);
+    ::close(fd);
 }
 
 TEST(FileSystem, AtomicWriteReplacesAndLeavesNoTemporary) {

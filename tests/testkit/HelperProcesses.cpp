@@ -1,5 +1,7 @@
 #include "HelperProcesses.hpp"
 
+#include "support/FileSystem.hpp"
+
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <fcntl.h>
@@ -85,8 +87,8 @@ struct ProcessLinks {
 
 // Fields 3 to 5 of /proc/PID/stat, read after the program name in parentheses.
 std::optional<ProcessLinks> linksOf(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    // A process that ends between the open and the read is simply not listed.
+    std::string line = readWholeFile("/proc/" + std::to_string(pid) + "/stat").value_or("");
     auto nameEnd = line.rfind(')');
     if (nameEnd == std::string::npos) return std::nullopt;
     ProcessLinks links;
