@@ -1,28 +1,25 @@
 #include "driver/ArchiveSources.hpp"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <set>
 #include <numeric>
+#include <set>
 #include <vector>
 
 #include "driver/Interrupts.hpp"
-#include "support/Paths.hpp"
 #include "support/DescriptorIo.hpp"
 #include "support/FileByteSource.hpp"
 #include "support/FileSystem.hpp"
 #include "support/Helpers.hpp"
 #include "support/HttpByteSource.hpp"
 #include "support/LogObject.hpp"
+#include "support/Paths.hpp"
 #include "support/ZipRawWriter.hpp"
 
 namespace whittle {
@@ -32,38 +29,23 @@ namespace {
 constexpr std::string_view kZipSignatures[] = {std::string_view("PK\x03\x04", 4), std::string_view("PK\x05\x06", 4)};
 
 bool startsLikeZip(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return false;
+    UniqueDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd.valid()) return false;
     char head[4];
-    ssize_t got = ::pread(fd, head, sizeof head, 0);
-    ::close(fd);
+    ssize_t got = ::pread(fd.get(), head, sizeof head, 0);
     if (got != static_cast<ssize_t>(sizeof head)) return false;
     std::string_view start(head, sizeof head);
     return std::any_of(std::begin(kZipSignatures), std::end(kZipSignatures), [&](auto s) { return s == start; });
 }
 
 // The folder at `relative` below the root descriptor, made (with any missing folder
-// above it) when missing; no step may be a link. -1 with errno set when it cannot be.
-int openOrMakeFolderBeneath(int rootFd, const std::string& relative) {
-    int current = ::fcntl(rootFd, F_DUPFD_CLOEXEC, 0);
-    std::size_t start = 0;
-    while (current >= 0 && start < relative.size()) {
-        std::size_t slash = relative.find('/', start);
-        if (slash == std::string::npos) slash = relative.size();
-        std::string step = relative.substr(start, slash - start);
-        start = slash + 1;
-        if (step.empty()) continue;
-        if (::mkdirat(current, step.c_str(), 0755) != 0 && errno != EEXIST) {
-            int error = errno;
-            ::close(current);
-            errno = error;
-            return -1;
-        }
-        int next = ::openat(current, step.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        int error = errno;
-        ::close(current);
-        errno = error;
-        current = next;
+// above it) when missing; no step may be a link. None with errno set when it cannot be.
+UniqueDescriptor openOrMakeFolderBeneath(int rootFd, const std::string& relative) {
+    UniqueDescriptor current(::fcntl(rootFd, F_DUPFD_CLOEXEC, 0));
+    for (const auto& step : pathSteps(relative)) {
+        if (!current.valid()) break;
+        if (::mkdirat(current.get(), step.c_str(), 0755) != 0 && errno != EEXIST) return {};
+        current.reset(::openat(current.get(), step.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     }
     return current;
 }
@@ -84,7 +66,7 @@ public:
         std::string parent = deletingLastPathComponent(path);
         if (!extractParentFolder(parent)) return false;
         std::string name = lastPathComponent(path);
-        UniqueDescriptor parentFolder(openOrMakeFolderBeneath(rootFd_, parent));
+        UniqueDescriptor parentFolder = openOrMakeFolderBeneath(rootFd_, parent);
         if (!parentFolder.valid()) return fail(path, std::strerror(errno));
         switch (item->kind) {
             case ZipBundleFiles::ItemKind::Folder: return makeFolder(parentFolder.get(), path, name, item->entry);

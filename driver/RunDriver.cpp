@@ -125,6 +125,7 @@ private:
     PlatformTools tools_;
     // The bundle the engines read, opened once the source is known (after a mount).
     std::shared_ptr<const BundleFiles> sourceFiles_;
+    const ZipBundleFiles* sourceArchive_ = nullptr;  // the source, when it is a zip archive
     // The live line of a remote source's fetching, on a terminal.
     std::unique_ptr<FetchProgress> fetchProgress_;
     int status_ = 0;
@@ -225,13 +226,14 @@ Run::Next Run::mountSource() {
 std::shared_ptr<const BundleFiles> Run::sourceFiles() {
     if (sourceFiles_) return sourceFiles_;
     sourceFiles_ = services_.openBundle(*request_.source);
-    if (const auto* archive = dynamic_cast<const ZipBundleFiles*>(sourceFiles_.get()))
-        fetchProgress_ = fetchProgressOnTerminal(*archive);
+    sourceArchive_ = dynamic_cast<const ZipBundleFiles*>(sourceFiles_.get());
+    if (sourceArchive_) fetchProgress_ = fetchProgressOnTerminal(*sourceArchive_);
     return sourceFiles_;
 }
 
 const ZipBundleFiles* Run::sourceArchive() {
-    return dynamic_cast<const ZipBundleFiles*>(sourceFiles().get());
+    sourceFiles();
+    return sourceArchive_;
 }
 
 // No engine is made for a bundle that could not be opened.
@@ -340,8 +342,9 @@ Run::Next Run::stripAndFinish(Stripper& engine) {
 // before the verdict.
 void Run::warnAboutKeptPathsNotInBundle(Stripper& engine) {
     Value kept = engine.strippedManifest();
+    auto files = sourceFiles();
     for (const auto& path : kept.elements()) {
-        if (!sourceFiles()->exists(path.text())) Log("!!! WARNING: kept path \"%@\" is not in the bundle.", path);
+        if (!files->exists(path.text())) Log("!!! WARNING: kept path \"%@\" is not in the bundle.", path);
     }
 }
 
@@ -559,7 +562,7 @@ int Run::writeFolderTarget(Stripper& engine) {
 void Run::noteBytesFetched() {
     if (fetchProgress_) fetchProgress_->end();
     if (verboseMode != 1) return;
-    if (const auto* archive = dynamic_cast<const ZipBundleFiles*>(sourceFiles_.get())) whittle::noteBytesFetched(*archive);
+    if (sourceArchive_) whittle::noteBytesFetched(*sourceArchive_);
 }
 
 // ---- interruptions ----

@@ -48,7 +48,8 @@ int PlatformTools::run(const std::string& path, const std::vector<std::string>& 
                        const std::string& workingFolder) {
     lastCall_ = ToolCall{path, arguments, workingFolder, verbose_};
     lastResult_ = runner_.run(lastCall_);
-    if (standardOutput) *standardOutput = lastResult_.standardOutput;
+    // Only the standard error is looked at again, to explain a failure.
+    if (standardOutput) *standardOutput = std::move(lastResult_.standardOutput);
     return lastResult_.status;
 }
 

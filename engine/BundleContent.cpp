@@ -37,7 +37,8 @@ int Stripper3::stripFWPKs(const Value& item) {
     for (const auto& product : products.isSet() ? *products.asSetMembers() : ValueArray{}) {
         for (const auto& entry : listing) {
             if (!isFirmwareArchive(entry) || !wantsFirmwareArchive(entry, product.text(), personalizations)) continue;
-            if (matchedOnce.insert(entry).second) matched.push_back(entry);
+            if (!matchedOnce.insert(entry).second) continue;
+            matched.push_back(entry);
             for (const auto& path : submanifestStartingAt(entry)) keptFiles.insert(path);
         }
     }

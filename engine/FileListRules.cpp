@@ -6,7 +6,6 @@
 #include "support/Paths.hpp"
 #include "support/Helpers.hpp"
 #include "support/LogObject.hpp"
-#include "support/Paths.hpp"
 
 namespace whittle {
 

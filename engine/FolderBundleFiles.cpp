@@ -86,20 +86,14 @@ int FolderBundleFiles::openBeneath(std::string_view relative, int flags, bool fo
 // The first step of the path whose resolution leaves the root: the link (or "..") to name.
 std::string FolderBundleFiles::escapingStepOf(std::string_view relative) const {
     std::string prefix;
-    std::size_t start = 0;
-    while (start <= relative.size()) {
-        std::size_t slash = relative.find('/', start);
-        if (slash == std::string_view::npos) slash = relative.size();
-        if (slash > start) {
-            prefix = joinPath(prefix, relative.substr(start, slash - start));
-            int fd = openat2Beneath(rootFd_, prefix, O_PATH);
-            if (fd >= 0) {
-                ::close(fd);
-            } else if (errno == EXDEV) {
-                return prefix;
-            }
+    for (const auto& step : pathSteps(relative)) {
+        prefix = joinPath(prefix, step);
+        int fd = openat2Beneath(rootFd_, prefix, O_PATH);
+        if (fd >= 0) {
+            ::close(fd);
+        } else if (errno == EXDEV) {
+            return prefix;
         }
-        start = slash + 1;
     }
     return std::string(relative);
 }

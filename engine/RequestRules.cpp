@@ -17,10 +17,8 @@ std::vector<std::string> DeviceClassNames::asked() const {
 }
 
 bool DeviceClassNames::includes(std::string_view deviceClass) const {
-    for (const auto& name : asked()) {
-        if (equalsIgnoringCase(deviceClass, name)) return true;
-    }
-    return false;
+    return (!production.empty() && equalsIgnoringCase(deviceClass, production)) ||
+           (!development.empty() && equalsIgnoringCase(deviceClass, development));
 }
 
 DeviceClassNames deviceClassesOf(std::string_view product, const Value& stripOptions) {

@@ -1,6 +1,7 @@
 #include "engine/SupportFiles.hpp"
 
 #include <algorithm>
+#include <set>
 
 #include "engine/WorkItems.hpp"
 #include "support/FileSystem.hpp"
@@ -35,17 +36,15 @@ std::vector<std::string> rootDiskImages(const std::vector<std::string>& rootName
 }
 
 std::vector<std::string> unlinkedImages(const std::vector<std::string>& images, const LinkReader& linkTarget) {
-    std::vector<std::string> eliminated;
+    std::set<std::string> eliminated;
     for (const auto& image : images) {
         if (auto target = linkTarget(image)) {
-            eliminated.push_back(image);
-            eliminated.push_back(*target);
+            eliminated.insert(image);
+            eliminated.insert(*target);
         }
     }
     std::vector<std::string> unlinked = images;
-    std::erase_if(unlinked, [&eliminated](const std::string& image) {
-        return std::find(eliminated.begin(), eliminated.end(), image) != eliminated.end();
-    });
+    std::erase_if(unlinked, [&eliminated](const std::string& image) { return eliminated.contains(image); });
     return unlinked;
 }
 

@@ -38,6 +38,7 @@ void logWorkList(const Value& workList) {
 }
 
 bool holdsString(const Value& list, std::string_view text) {
+    if (list.isSet()) return list.setContains(Value::string(std::string(text)));
     for (const auto& element : list.elements()) {
         if (element.isString() && element.text() == text) return true;
     }

@@ -12,18 +12,6 @@ namespace whittle {
 
 namespace {
 
-// The steps of a path, "." and ".." kept, empty ones dropped.
-std::vector<std::string> stepsOf(std::string_view path) {
-    std::vector<std::string> steps;
-    std::size_t start = 0;
-    while (start <= path.size()) {
-        std::size_t slash = std::min(path.find('/', start), path.size());
-        if (slash > start) steps.emplace_back(path.substr(start, slash - start));
-        start = slash + 1;
-    }
-    return steps;
-}
-
 bool later(const struct timespec& a, const struct timespec& b) {
     return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
 }
@@ -118,7 +106,7 @@ void ZipBundleFiles::addEntry(const ZipEntry& entry, std::string_view relative) 
         }
     }
     // Finds or makes the folders on the way, then places the entry.
-    std::vector<std::string> steps = stepsOf(relative);
+    std::vector<std::string> steps = pathSteps(relative);
     std::vector<Node*> path{rootNode_.get()};
     for (std::size_t index = 0; index + 1 < steps.size(); ++index) {
         auto& slot = path.back()->children[steps[index]];
@@ -152,7 +140,7 @@ void ZipBundleFiles::addEntry(const ZipEntry& entry, std::string_view relative) 
 // above the root, links followed (the last one only when asked), an absolute link or
 // a climb above the root counting as leaving the bundle.
 ZipBundleFiles::Resolution ZipBundleFiles::resolve(std::string_view relative, bool followLastLink) const {
-    std::vector<std::string> given = stepsOf(relative);
+    std::vector<std::string> given = pathSteps(relative);
     // Each pending step remembers which given step it comes from, to name the way out.
     std::deque<std::pair<std::string, std::size_t>> pending;
     for (std::size_t index = 0; index < given.size(); ++index) pending.emplace_back(given[index], index);
@@ -180,7 +168,7 @@ ZipBundleFiles::Resolution ZipBundleFiles::resolve(std::string_view relative, bo
         if (next->kind == ItemKind::Link && (!pending.empty() || followLastLink)) {
             if (++hops > kMaxLinkHops) return {nullptr, ELOOP};
             if (next->linkText.starts_with('/')) return leave(origin);
-            std::vector<std::string> target = stepsOf(next->linkText);
+            std::vector<std::string> target = pathSteps(next->linkText);
             for (auto step = target.rbegin(); step != target.rend(); ++step) pending.emplace_front(*step, origin);
             continue;
         }

@@ -62,7 +62,10 @@ Value Stripper2::validFactoryVariants() {
         Log("XXX ERROR: BuildManifest.plist cannot be read.");
         return Value::array();
     }
-    Value requested = stripInfo_.get("products");
+    std::vector<DeviceClassNames> requestedClasses;
+    for (const auto& product : stripInfo_.get("products").elements()) {
+        requestedClasses.push_back(deviceClassesOf(product.description(), stripOptions_));
+    }
     std::set<std::string> valid;
     for (const auto& variant : knownFactoryVariants()) {
         Value personalization = catalogue().factoryVariantValue(variant + ".PersonalizationVariants");
@@ -70,8 +73,8 @@ Value Stripper2::validFactoryVariants() {
         for (const auto& identity : manifest.get("BuildIdentities").elements()) {
             if (infoText(identity, "Variant") != personalization.text()) continue;
             std::string deviceClass = infoText(identity, "DeviceClass");
-            for (const auto& product : requested.elements()) {
-                if (deviceClassesOf(product.description(), stripOptions_).includes(deviceClass)) valid.insert(variant);
+            for (const auto& classes : requestedClasses) {
+                if (classes.includes(deviceClass)) valid.insert(variant);
             }
         }
     }

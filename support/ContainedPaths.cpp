@@ -1,6 +1,7 @@
 #include "support/ContainedPaths.hpp"
 
 #include "support/DescriptorIo.hpp"
+#include "support/Paths.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,16 +18,10 @@ namespace {
 
 constexpr const char* kOutsideTarget = "the path leads outside the target";
 
+// The steps that name something: "." names the folder it stands in.
 std::vector<std::string> componentsOf(std::string_view relative) {
-    std::vector<std::string> parts;
-    std::size_t start = 0;
-    while (start <= relative.size()) {
-        auto slash = relative.find('/', start);
-        if (slash == std::string_view::npos) slash = relative.size();
-        std::string_view part = relative.substr(start, slash - start);
-        if (!part.empty() && part != ".") parts.emplace_back(part);
-        start = slash + 1;
-    }
+    auto parts = pathSteps(relative);
+    std::erase(parts, ".");
     return parts;
 }
 

@@ -15,7 +15,11 @@ UniqueDescriptor& UniqueDescriptor::operator=(UniqueDescriptor&& other) noexcept
 int UniqueDescriptor::release() { return std::exchange(fd_, -1); }
 
 void UniqueDescriptor::reset(int fd) {
-    if (fd_ >= 0) ::close(fd_);
+    if (fd_ >= 0) {
+        int savedErrno = errno;
+        ::close(fd_);
+        errno = savedErrno;
+    }
     fd_ = fd;
 }
 
@@ -42,6 +46,20 @@ bool writeAllAt(int fd, std::string_view bytes, std::uint64_t offset) {
         offset += static_cast<std::uint64_t>(written);
     }
     return true;
+}
+
+ssize_t readAllAt(int fd, char* buffer, std::size_t length, std::uint64_t offset) {
+    std::size_t done = 0;
+    while (done < length) {
+        ssize_t got = ::pread(fd, buffer + done, length - done, static_cast<off_t>(offset + done));
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (got == 0) break;
+        done += static_cast<std::size_t>(got);
+    }
+    return static_cast<ssize_t>(done);
 }
 
 }  // namespace whittle

@@ -1,6 +1,9 @@
 // An owned file descriptor, and writes that put a whole buffer out.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -22,7 +25,8 @@ public:
     bool valid() const { return fd_ >= 0; }
     // Gives up ownership without closing: the caller closes it (to see close's result).
     int release();
-    // Closes the descriptor held, if any, and takes fd in its place.
+    // Closes the descriptor held, if any, and takes fd in its place; errno is kept, so
+    // that the reason of a failure survives the clean-up after it.
     void reset(int fd = -1);
 
 private:
@@ -34,5 +38,9 @@ private:
 bool writeAll(int fd, std::string_view bytes);
 // The same at a file offset (pwrite), leaving the descriptor's own offset alone.
 bool writeAllAt(int fd, std::string_view bytes, std::uint64_t offset);
+// Reads length bytes at a file offset (pread), going on after short reads and
+// interruptions. Answers how many were read, fewer only when the file ends first;
+// -1 with errno set when a read fails.
+ssize_t readAllAt(int fd, char* buffer, std::size_t length, std::uint64_t offset);
 
 }  // namespace whittle

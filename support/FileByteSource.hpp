@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/ByteSource.hpp"
+#include "support/DescriptorIo.hpp"
 
 namespace whittle {
 
@@ -16,9 +17,6 @@ public:
     // The open file, or none with the reason in `error` (missing, unreadable, not a
     // regular file).
     static std::unique_ptr<FileByteSource> open(const std::string& path, std::string& error);
-    ~FileByteSource() override;
-    FileByteSource(const FileByteSource&) = delete;
-    FileByteSource& operator=(const FileByteSource&) = delete;
 
     const std::string& name() const override { return path_; }
     std::uint64_t size() const override { return size_; }
@@ -26,10 +24,10 @@ public:
     std::uint64_t bytesFetched() const override { return bytesRead_.load(); }
 
 private:
-    FileByteSource(std::string path, int fd, std::uint64_t size);
+    FileByteSource(std::string path, UniqueDescriptor fd, std::uint64_t size);
 
     std::string path_;
-    int fd_;
+    UniqueDescriptor fd_;
     std::uint64_t size_;
     std::atomic<std::uint64_t> bytesRead_{0};
 };

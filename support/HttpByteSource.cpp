@@ -3,10 +3,11 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <mutex>
 #include <optional>
+
+#include "support/Helpers.hpp"
 
 namespace whittle {
 
@@ -61,12 +62,6 @@ std::string_view trimmed(std::string_view text) {
     return text;
 }
 
-bool sameLetters(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-           });
-}
-
 std::string seconds(std::chrono::milliseconds duration) {
     auto count = duration.count();
     if (count % 1000 == 0) return std::to_string(count / 1000) + " s";
@@ -81,6 +76,11 @@ long wholeSeconds(std::chrono::milliseconds duration) {
 
 std::string rangeText(std::uint64_t first, std::uint64_t last) {
     return std::to_string(first) + "-" + std::to_string(last);
+}
+
+// The failure of an answer that ended short of what was asked.
+std::string shortAnswer(std::uint64_t sent, std::uint64_t asked) {
+    return "the server sent " + std::to_string(sent) + " bytes where " + std::to_string(asked) + " were asked";
 }
 
 std::uint64_t endOf(const ByteRange& range) { return range.offset + range.length; }
@@ -165,7 +165,7 @@ struct HttpByteSource::Transfer {
 
 bool HttpByteSource::isHttpAddress(std::string_view text) {
     auto startsWithLetters = [&](std::string_view prefix) {
-        return text.size() > prefix.size() && sameLetters(text.substr(0, prefix.size()), prefix);
+        return text.size() > prefix.size() && hasPrefix(text, prefix, kCaseInsensitiveSearch);
     };
     return startsWithLetters("http://") || startsWithLetters("https://");
 }
@@ -331,8 +331,7 @@ std::string HttpByteSource::checkPartialAnswer(const Transfer& transfer) const {
     if (auto changed = checkSameFile(transfer); !changed.empty()) return changed;
     std::uint64_t last = transfer.fetchEnd - 1;
     if (*range->first == transfer.offset && range->last < last)
-        return "the server sent " + std::to_string(range->last + 1 - transfer.offset) + " bytes where " +
-               std::to_string(transfer.expected()) + " were asked";
+        return shortAnswer(range->last + 1 - transfer.offset, transfer.expected());
     if (*range->first != transfer.offset || range->last != last)
         return "the server sent bytes " + rangeText(*range->first, range->last) + " where " +
                rangeText(transfer.offset, last) + " were asked";
@@ -378,9 +377,7 @@ std::string HttpByteSource::transferFailure(const Transfer& transfer, int code) 
     case CURLE_TOO_MANY_REDIRECTS:
         return "the server redirects too many times (more than " + std::to_string(limits_.maxRedirects) + ")";
     case CURLE_PARTIAL_FILE:
-        return "the server sent " + std::to_string(transfer.received) + " bytes where " +
-               std::to_string(transfer.expected()) +
-               " were asked";
+        return shortAnswer(transfer.received, transfer.expected());
     default:
         return std::string("the transfer failed (") + curl_easy_strerror(static_cast<CURLcode>(code)) + ")";
     }
@@ -431,8 +428,7 @@ bool HttpByteSource::perform(Transfer& transfer, std::string& error) {
         return false;
     }
     if (!transfer.emptyFile && transfer.received != transfer.expected()) {
-        error = failure("the server sent " + std::to_string(transfer.received) + " bytes where " +
-                        std::to_string(transfer.expected()) + " were asked");
+        error = failure(shortAnswer(transfer.received, transfer.expected()));
         return false;
     }
     return true;
@@ -482,15 +478,15 @@ bool HttpByteSource::takeHeader(Transfer& transfer, std::string_view line) {
     if (colon == std::string_view::npos) return true;
     std::string_view header = text.substr(0, colon);
     std::string value(trimmed(text.substr(colon + 1)));
-    if (sameLetters(header, "Content-Range"))
+    if (equalsIgnoringCase(header, "Content-Range"))
         transfer.contentRange = value;
-    else if (sameLetters(header, "ETag"))
+    else if (equalsIgnoringCase(header, "ETag"))
         transfer.etag = value;
-    else if (sameLetters(header, "Last-Modified"))
+    else if (equalsIgnoringCase(header, "Last-Modified"))
         transfer.lastModified = value;
-    else if (sameLetters(header, "Content-Length"))
+    else if (equalsIgnoringCase(header, "Content-Length"))
         transfer.contentLength = parseNumber(value);
-    else if (sameLetters(header, "Location"))
+    else if (equalsIgnoringCase(header, "Location"))
         transfer.hasLocation = true;
     return true;
 }

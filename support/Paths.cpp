@@ -1,5 +1,7 @@
 #include "support/Paths.hpp"
 
+#include <algorithm>
+
 namespace whittle {
 
 namespace {
@@ -15,6 +17,17 @@ std::string folderPartBefore(std::string_view path, std::size_t slash) {
 }
 
 }  // namespace
+
+std::vector<std::string> pathSteps(std::string_view path) {
+    std::vector<std::string> steps;
+    std::size_t start = 0;
+    while (start <= path.size()) {
+        std::size_t slash = std::min(path.find('/', start), path.size());
+        if (slash > start) steps.emplace_back(path.substr(start, slash - start));
+        start = slash + 1;
+    }
+    return steps;
+}
 
 std::string lastPathComponent(std::string_view path) {
     path = withoutTrailingSlashes(path);

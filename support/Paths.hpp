@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace whittle {
 
@@ -15,6 +16,9 @@ std::string parentFolderOf(std::string_view path);
 // The same for relative paths, where the top is "": "Restore/Firmware/x.bin" ->
 // "Restore/Firmware", "x.bin" -> "", "/x" -> "/"; trailing slashes ignored.
 std::string deletingLastPathComponent(std::string_view path);
+// The steps of a path, in order: "a//b/./../c/" -> "a", "b", ".", "..", "c". Empty
+// steps are dropped; "." and ".." are kept for the caller to judge.
+std::vector<std::string> pathSteps(std::string_view path);
 // "folder/name", with no doubled slash after a folder that ends in one; the bare name
 // when the folder is "".
 std::string joinPath(std::string_view folder, std::string_view name);

@@ -159,11 +159,6 @@ public:
     }
 
 private:
-    struct Candidate {
-        ZipEntry entry;
-        std::size_t nameLength;
-    };
-
     bool readEndRecords(std::string& reason) {
         std::uint64_t size = source_.size();
         if (size < kEndSize) {
@@ -277,8 +272,7 @@ private:
     }
 
     void readEntry(std::string_view header, std::size_t nameLength, std::size_t extraLength) {
-        Candidate candidate{{}, nameLength};
-        ZipEntry& entry = candidate.entry;
+        ZipEntry entry;
         entry.storedName = std::string(header.substr(kCentralSize, nameLength));
         std::string_view extra = header.substr(kCentralSize + nameLength, extraLength);
         std::string problem = describeEntry(header, extra, entry);
@@ -287,7 +281,7 @@ private:
             skip(entry.storedName, problem);
             return;
         }
-        candidates_.push_back(std::move(candidate));
+        candidates_.push_back(std::move(entry));
     }
 
     // Fills the entry from its central header; the reason it cannot be trusted, or "".
@@ -347,16 +341,16 @@ private:
         std::vector<std::size_t> order(candidates_.size());
         std::iota(order.begin(), order.end(), 0);
         std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-            return candidates_[a].entry.localHeaderOffset < candidates_[b].entry.localHeaderOffset;
+            return candidates_[a].localHeaderOffset < candidates_[b].localHeaderOffset;
         });
         std::vector<bool> kept(candidates_.size(), false);
         std::uint64_t keptEnd = 0;
         std::size_t previous = candidates_.size();
         for (std::size_t index : order) {
-            ZipEntry& entry = candidates_[index].entry;
+            ZipEntry& entry = candidates_[index];
             // No overflow: the offset and the compressed size are each below the archive's size.
             std::uint64_t minimalEnd =
-                entry.localHeaderOffset + kLocalSize + candidates_[index].nameLength + entry.compressedSize;
+                entry.localHeaderOffset + kLocalSize + entry.storedName.size() + entry.compressedSize;
             if (entry.localHeaderOffset < keptEnd) {
                 skip(entry.storedName, "its bytes overlap those of another entry");
                 continue;
@@ -365,14 +359,14 @@ private:
                 skip(entry.storedName, "its bytes run into the central directory");
                 continue;
             }
-            if (previous < candidates_.size()) candidates_[previous].entry.extentLimit = entry.localHeaderOffset;
+            if (previous < candidates_.size()) candidates_[previous].extentLimit = entry.localHeaderOffset;
             kept[index] = true;
             keptEnd = minimalEnd;
             previous = index;
         }
-        if (previous < candidates_.size()) candidates_[previous].entry.extentLimit = directoryOffset_;
+        if (previous < candidates_.size()) candidates_[previous].extentLimit = directoryOffset_;
         for (std::size_t index = 0; index < candidates_.size(); ++index) {
-            if (kept[index]) archive_.entries_.push_back(std::move(candidates_[index].entry));
+            if (kept[index]) archive_.entries_.push_back(std::move(candidates_[index]));
         }
     }
 
@@ -387,7 +381,7 @@ private:
     std::uint64_t directorySize_ = 0;
     std::uint64_t directoryOffset_ = 0;
     std::uint64_t directoryEnd_ = 0;
-    std::vector<Candidate> candidates_;
+    std::vector<ZipEntry> candidates_;
     std::set<std::string> seenNames_;
 };
 
@@ -591,42 +585,35 @@ private:
 
 }  // namespace
 
-bool ZipArchive::streamEntry(const ZipEntry& entry, const std::function<bool(std::string_view)>& sink,
-                             std::string& error) const {
+bool ZipArchive::passEntry(const ZipEntry& entry, const std::function<bool(std::string_view)>& decoded,
+                           const std::function<bool(std::string_view)>* stored, std::string& error) const {
     DataStart start;
     if (!locateData(entry, start, error)) return false;
-    EntryDecoder decoder(entry, sink);
+    EntryDecoder decoder(entry, decoded);
     std::string readError;
-    bool fed = feedStored(entry, start, [&](std::string_view piece) { return decoder.feed(piece); }, readError);
+    bool fed = feedStored(
+        entry, start, [&](std::string_view piece) { return decoder.feed(piece) && (!stored || (*stored)(piece)); },
+        readError);
     if (fed && decoder.finish()) return true;
     if (!decoder.problem().empty()) {
         error = entryError(entry, decoder.problem());
     } else if (!readError.empty()) {
         error = entryError(entry, "its data cannot be read: " + readError);
     } else {
-        error.clear();  // the sink stopped the reading
+        error.clear();  // a sink stopped the reading
     }
     return false;
 }
 
+bool ZipArchive::streamEntry(const ZipEntry& entry, const std::function<bool(std::string_view)>& sink,
+                             std::string& error) const {
+    return passEntry(entry, sink, nullptr, error);
+}
+
 bool ZipArchive::copyStoredBytes(const ZipEntry& entry, const std::function<bool(std::string_view)>& sink,
                                  std::string& error) const {
-    DataStart start;
-    if (!locateData(entry, start, error)) return false;
     const std::function<bool(std::string_view)> discard = [](std::string_view) { return true; };
-    EntryDecoder checker(entry, discard);
-    std::string readError;
-    bool copied = feedStored(entry, start, [&](std::string_view piece) { return checker.feed(piece) && sink(piece); },
-                             readError);
-    if (copied && checker.finish()) return true;
-    if (!checker.problem().empty()) {
-        error = entryError(entry, checker.problem());
-    } else if (!readError.empty()) {
-        error = entryError(entry, "its data cannot be read: " + readError);
-    } else {
-        error.clear();  // the sink stopped the copy
-    }
-    return false;
+    return passEntry(entry, discard, &sink, error);
 }
 
 bool ZipArchive::readEntry(const ZipEntry& entry, std::string& out, std::string& error, std::uint64_t maxSize) const {

@@ -116,6 +116,10 @@ private:
     bool locateData(const ZipEntry& entry, DataStart& start, std::string& error) const;
     bool feedStored(const ZipEntry& entry, const DataStart& start, const std::function<bool(std::string_view)>& sink,
                     std::string& error) const;
+    // Reads the entry's stored bytes, handing them to `stored` (when given) as they are
+    // and their uncompressed content, checked, to `decoded`.
+    bool passEntry(const ZipEntry& entry, const std::function<bool(std::string_view)>& decoded,
+                   const std::function<bool(std::string_view)>* stored, std::string& error) const;
     std::string entryError(const ZipEntry& entry, std::string_view reason) const;
 
     std::shared_ptr<ByteSource> source_;

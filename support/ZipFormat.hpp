@@ -63,6 +63,14 @@ inline void put64(std::string& out, std::uint64_t value) {
 // A size or offset in a 32-bit field: all ones stands for "in the ZIP64 field".
 inline std::uint32_t clamp32(std::uint64_t value) { return value >= kMax32 ? kMax32 : static_cast<std::uint32_t>(value); }
 
+// The extended timestamp field, carrying the modification time alone.
+std::string timestampExtra(std::int64_t modified);
+// The records that end an archive whose central directory has this many entries and
+// stands at this offset with this size: the ZIP64 end record and its locator when a
+// count, size or offset does not fit the end record, then the end record itself.
+std::string archiveEnd(std::uint64_t entries, std::uint64_t directoryOffset, std::uint64_t directorySize,
+                       std::uint16_t versionMadeBy);
+
 // The DOS date and time fields of a time, in UTC so that they do not depend on where
 // the archive is made (the extended timestamp field carries the exact time).
 inline std::pair<std::uint16_t, std::uint16_t> dosDateAndTime(std::time_t seconds) {

@@ -24,15 +24,6 @@ void putDosTime(std::string& out, struct timespec when) {
     put16(out, date);
 }
 
-std::string timestampExtra(struct timespec when) {
-    std::string extra;
-    put16(extra, kTimestampExtraId);
-    put16(extra, 5);
-    extra.push_back(1);  // the modification time follows
-    put32(extra, static_cast<std::uint32_t>(when.tv_sec));
-    return extra;
-}
-
 bool needsZip64(std::uint64_t compressed, std::uint64_t uncompressed, std::uint64_t offset) {
     return compressed >= kMax32 || uncompressed >= kMax32 || offset >= kMax32;
 }
@@ -63,7 +54,7 @@ void ZipRawWriter::putSharedFields(std::string& out, const Written& entry, bool 
 // The exact time, and the ZIP64 field when needed: sizes, and in a central header the
 // local header's offset too.
 std::string ZipRawWriter::extraFields(const Written& entry, bool zip64, bool withOffset) {
-    std::string extra = timestampExtra(entry.modified);
+    std::string extra = timestampExtra(entry.modified.tv_sec);
     if (!zip64) return extra;
     put16(extra, kZip64ExtraId);
     put16(extra, withOffset ? 24 : 16);
@@ -129,36 +120,7 @@ bool ZipRawWriter::finish(std::string& error) {
         record += extra;
         if (!writeBytes(record, error)) return false;
     }
-    std::uint64_t directorySize = offset_ - directoryStart;
-    std::uint64_t count = written_.size();
-    bool zip64 = count >= kMax16 || directorySize >= kMax32 || directoryStart >= kMax32;
-    std::string end;
-    if (zip64) {
-        std::uint64_t zip64EndOffset = offset_;
-        put32(end, kZip64EndSignature);
-        put64(end, 44);
-        put16(end, kVersionMadeByUnix);
-        put16(end, kVersionNeededZip64);
-        put32(end, 0);
-        put32(end, 0);
-        put64(end, count);
-        put64(end, count);
-        put64(end, directorySize);
-        put64(end, directoryStart);
-        put32(end, kZip64LocatorSignature);
-        put32(end, 0);
-        put64(end, zip64EndOffset);
-        put32(end, 1);
-    }
-    put32(end, kEndSignature);
-    put16(end, 0);
-    put16(end, 0);
-    put16(end, static_cast<std::uint16_t>(count >= kMax16 ? kMax16 : count));
-    put16(end, static_cast<std::uint16_t>(count >= kMax16 ? kMax16 : count));
-    put32(end, clamp32(directorySize));
-    put32(end, clamp32(directoryStart));
-    put16(end, 0);
-    return writeBytes(end, error);
+    return writeBytes(archiveEnd(written_.size(), directoryStart, offset_ - directoryStart, kVersionMadeByUnix), error);
 }
 
 }  // namespace whittle

@@ -49,10 +49,12 @@ std::string bytesDoneOfTotal(std::uint64_t done, std::uint64_t total) {
            " " + unit.name;
 }
 
-std::string rateText(double bytesPerSecond) {
-    const ByteUnit& unit = unitFor(static_cast<std::uint64_t>(bytesPerSecond));
-    return inUnit(bytesPerSecond, unit, wantsDecimal(bytesPerSecond, unit)) + " " + unit.name + "/s";
+std::string bytesText(double bytes) {
+    const ByteUnit& unit = unitFor(static_cast<std::uint64_t>(bytes));
+    return inUnit(bytes, unit, wantsDecimal(bytes, unit)) + " " + unit.name;
 }
+
+std::string rateText(double bytesPerSecond) { return bytesText(bytesPerSecond) + "/s"; }
 
 std::string timeLeftText(double seconds) {
     auto whole = static_cast<std::uint64_t>(std::ceil(seconds));
@@ -91,25 +93,18 @@ bool takeKeyword(std::string_view& text, std::string_view keyword) {
     return true;
 }
 
-// A step with no total to count toward: what it has done so far, and how fast.
-std::string describeOpenEndedProgress(const ProgressFigures& figures) {
-    const ByteUnit& unit = unitFor(figures.doneBytes);
-    std::string text = figures.step + "  " +
-                       inUnit(static_cast<double>(figures.doneBytes), unit,
-                              wantsDecimal(static_cast<double>(figures.doneBytes), unit)) +
-                       " " + unit.name;
-    double seconds = std::chrono::duration<double>(figures.elapsed).count();
-    if (seconds > 0 && figures.doneBytes > 0) text += "  " + rateText(static_cast<double>(figures.doneBytes) / seconds);
-    return text;
-}
-
 }  // namespace
 
 std::string describeProgress(const ProgressFigures& figures) {
-    if (figures.totalFiles == 0 && figures.totalBytes == 0) return describeOpenEndedProgress(figures);
-    std::string text = figures.step + "  " + std::to_string(percentDone(figures)) + "%  " +
-                       withThousands(figures.doneFiles) + "/" + withThousands(figures.totalFiles) + " files";
-    if (figures.totalBytes > 0) text += "  " + bytesDoneOfTotal(figures.doneBytes, figures.totalBytes);
+    std::string text = figures.step + "  ";
+    if (figures.totalFiles == 0 && figures.totalBytes == 0) {
+        // A step with no total to count toward: what it has done so far.
+        text += bytesText(static_cast<double>(figures.doneBytes));
+    } else {
+        text += std::to_string(percentDone(figures)) + "%  " + withThousands(figures.doneFiles) + "/" +
+                withThousands(figures.totalFiles) + " files";
+        if (figures.totalBytes > 0) text += "  " + bytesDoneOfTotal(figures.doneBytes, figures.totalBytes);
+    }
     double seconds = std::chrono::duration<double>(figures.elapsed).count();
     if (seconds > 0 && figures.doneBytes > 0) {
         double rate = static_cast<double>(figures.doneBytes) / seconds;

@@ -72,14 +72,9 @@ private:
 std::string_view readRange(int fd, std::uint64_t offset, std::uint64_t length, const std::string& path) {
     thread_local Scratch input;
     char* bytes = input.reserve(static_cast<std::size_t>(length));
-    std::size_t done = 0;
-    while (done < length) {
-        ssize_t got = ::pread(fd, bytes + done, length - done, static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) failOn(path, "read", errno);
-        if (got == 0) throw CopyError("\"" + path + "\" shrank while it was being archived");
-        done += static_cast<std::size_t>(got);
-    }
+    ssize_t got = readAllAt(fd, bytes, static_cast<std::size_t>(length), offset);
+    if (got < 0) failOn(path, "read", errno);
+    if (static_cast<std::uint64_t>(got) < length) throw CopyError("\"" + path + "\" shrank while it was being archived");
     return {bytes, static_cast<std::size_t>(length)};
 }
 
@@ -201,16 +196,6 @@ struct Entry {
     std::uint64_t headerOffset = 0;
 };
 
-// The extended timestamp field: the modification time alone.
-std::string timestampField(std::int64_t modified) {
-    std::string field;
-    put16(field, kTimestampExtraId);
-    put16(field, 5);
-    field += '\x01';
-    put32(field, static_cast<std::uint32_t>(modified));
-    return field;
-}
-
 std::uint16_t flagsOf(const Entry& entry) {
     bool ascii = std::all_of(entry.name.begin(), entry.name.end(), [](char c) { return (c & 0x80) == 0; });
     return ascii ? 0 : kFlagUtf8Names;
@@ -218,7 +203,7 @@ std::uint16_t flagsOf(const Entry& entry) {
 
 std::string localHeader(const Entry& entry) {
     auto [date, time] = dosDateAndTime(static_cast<std::time_t>(entry.modified));
-    std::string extra = timestampField(entry.modified);
+    std::string extra = timestampExtra(entry.modified);
     if (entry.zip64) {
         put16(extra, kZip64ExtraId);
         put16(extra, 16);
@@ -242,7 +227,7 @@ std::string localHeader(const Entry& entry) {
 
 std::string centralHeader(const Entry& entry) {
     auto [date, time] = dosDateAndTime(static_cast<std::time_t>(entry.modified));
-    std::string extra = timestampField(entry.modified);
+    std::string extra = timestampExtra(entry.modified);
     std::string large;
     if (entry.size >= kMax32 || entry.zip64) put64(large, entry.size);
     if (entry.compressedSize >= kMax32 || entry.zip64) put64(large, entry.compressedSize);
@@ -272,37 +257,6 @@ std::string centralHeader(const Entry& entry) {
     put32(header, (entry.mode << 16) | (S_ISDIR(entry.mode) ? kDosDirectoryAttribute : 0));
     put32(header, clamp32(entry.headerOffset));
     return header + entry.name + extra;
-}
-
-std::string archiveEnd(std::uint64_t entries, std::uint64_t directoryOffset, std::uint64_t directorySize) {
-    std::string end;
-    bool zip64 = entries >= 0xFFFF || directoryOffset >= kMax32 || directorySize >= kMax32;
-    if (zip64) {
-        std::uint64_t recordOffset = directoryOffset + directorySize;
-        put32(end, kZip64EndSignature);
-        put64(end, 44);  // the record's size after this field
-        put16(end, kVersionMadeByUnix);
-        put16(end, kVersionNeededZip64);
-        put32(end, 0);
-        put32(end, 0);
-        put64(end, entries);
-        put64(end, entries);
-        put64(end, directorySize);
-        put64(end, directoryOffset);
-        put32(end, kZip64LocatorSignature);
-        put32(end, 0);
-        put64(end, recordOffset);
-        put32(end, 1);
-    }
-    put32(end, kEndSignature);
-    put16(end, 0);
-    put16(end, 0);
-    put16(end, static_cast<std::uint16_t>(std::min<std::uint64_t>(entries, 0xFFFF)));
-    put16(end, static_cast<std::uint16_t>(std::min<std::uint64_t>(entries, 0xFFFF)));
-    put32(end, clamp32(directorySize));
-    put32(end, clamp32(directoryOffset));
-    put16(end, 0);
-    return end;
 }
 
 // The archive being written, in a temporary file that is removed unless committed,
@@ -513,7 +467,7 @@ private:
     void finishArchive() {
         std::uint64_t directoryOffset = position_;
         writeBytes(central_);
-        writeBytes(archiveEnd(entryCount_, directoryOffset, central_.size()));
+        writeBytes(archiveEnd(entryCount_, directoryOffset, central_.size(), kVersionMadeByUnix));
     }
 
     void writeBytes(std::string_view bytes) {

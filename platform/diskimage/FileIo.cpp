@@ -34,16 +34,9 @@ struct stat statusOf(int fd, const std::string& pathForMessages) {
 
 std::string readAt(int fd, std::uint64_t offset, std::size_t length, const std::string& pathForMessages) {
     std::string bytes(length, '\0');
-    std::size_t done = 0;
-    while (done < length) {
-        ssize_t got = ::pread(fd, bytes.data() + done, length - done, static_cast<off_t>(offset + done));
-        if (got < 0) {
-            if (errno == EINTR) continue;
-            throwSystemError("cannot read \"" + pathForMessages + "\"", errno);
-        }
-        if (got == 0) throw DiskImageError("\"" + pathForMessages + "\" ends early (truncated?)");
-        done += static_cast<std::size_t>(got);
-    }
+    ssize_t got = readAllAt(fd, bytes.data(), length, offset);
+    if (got < 0) throwSystemError("cannot read \"" + pathForMessages + "\"", errno);
+    if (static_cast<std::size_t>(got) < length) throw DiskImageError("\"" + pathForMessages + "\" ends early (truncated?)");
     return bytes;
 }
 

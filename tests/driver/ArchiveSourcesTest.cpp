@@ -22,15 +22,10 @@ namespace {
 using test::fileSpec;
 using test::folderSpec;
 using test::linkSpec;
+using test::loggedDuring;
 using test::TempDir;
 using test::ZipBuilder;
 using test::ZipSpec;
-
-std::string loggedBy(const std::function<void()>& action) {
-    std::string before = LogObject::sharedLogger().historicalLog();
-    action();
-    return LogObject::sharedLogger().historicalLog().substr(before.size());
-}
 
 class ArchiveSourcesTest : public testing::Test {
 protected:
@@ -70,7 +65,7 @@ TEST_F(ArchiveSourcesTest, ArchivesAreKnownByTheirFirstBytesNotTheirNames) {
 TEST_F(ArchiveSourcesTest, AnArchiveThatCannotBeReadIsAnErrorNamingIt) {
     test::writeFile(dir / "broken.zip", std::string("PK\x03\x04", 4) + "truncated");
     std::shared_ptr<ZipBundleFiles> files;
-    std::string said = loggedBy([&] { files = openArchiveBundle(dir / "broken.zip"); });
+    std::string said = loggedDuring([&] { files = openArchiveBundle(dir / "broken.zip"); });
     EXPECT_FALSE(files);
     EXPECT_TRUE(said.starts_with("XXX ERROR: ")) << said;
     EXPECT_NE(said.find(dir / "broken.zip"), std::string::npos) << said;
@@ -102,7 +97,7 @@ TEST_F(ArchiveSourcesTest, AKeptPathMissingFromTheArchiveFailsTheCopyWithTheReas
     auto files = bundleOf(spec);
     ASSERT_TRUE(files);
     int status = 0;
-    std::string said = loggedBy([&] { status = extractKeptPaths(*files, paths({"Restore/a", "Restore/b"}), dir / "out"); });
+    std::string said = loggedDuring([&] { status = extractKeptPaths(*files, paths({"Restore/a", "Restore/b"}), dir / "out"); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(said,
               "XXX ERROR: copying manifest to target failed.\n"
@@ -118,7 +113,7 @@ TEST_F(ArchiveSourcesTest, NothingIsWrittenThroughALinkStandingInTheDestination)
     ::mkdir((dir / "elsewhere").c_str(), 0755);
     ASSERT_EQ(::symlink((dir / "elsewhere").c_str(), (dir / "out/Restore").c_str()), 0);
     int status = 0;
-    loggedBy([&] { status = extractKeptPaths(*files, paths({"Restore/a"}), dir / "out"); });
+    loggedDuring([&] { status = extractKeptPaths(*files, paths({"Restore/a"}), dir / "out"); });
     EXPECT_EQ(status, 1);
     EXPECT_FALSE(test::pathExists(dir / "elsewhere/a"));
 }
@@ -143,7 +138,7 @@ TEST_F(ArchiveSourcesTest, AZipIsNeverWrittenOverAnExistingFile) {
     ASSERT_TRUE(files);
     test::writeFile(dir / "out.zip", "mine");
     int status = 0;
-    std::string said = loggedBy([&] { status = copyKeptEntries(*files, paths({"Restore/a"}), dir / "out.zip"); });
+    std::string said = loggedDuring([&] { status = copyKeptEntries(*files, paths({"Restore/a"}), dir / "out.zip"); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(test::readFile(dir / "out.zip"), "mine");
     EXPECT_NE(said.find("XXX ERROR: unable to create final ZIP archive."), std::string::npos) << said;

@@ -20,18 +20,10 @@
 namespace whittle {
 namespace {
 
+using test::loggedDuring;
 using test::TempDir;
 using test::writeFile;
 namespace fs = std::filesystem;
-
-template <typename Action>
-std::string logged(Action action) {
-    std::string before = LogObject::sharedLogger().historicalLog();
-    testing::internal::CaptureStdout();
-    action();
-    testing::internal::GetCapturedStdout();
-    return LogObject::sharedLogger().historicalLog().substr(before.size());
-}
 
 // The tools of a run whose tools are child processes.
 struct ChildProcessTools {
@@ -44,7 +36,7 @@ TEST(ToolRuns, ToolThatCannotBeStartedIsNamedWithThePathLookedAt) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(child.tools.run("/nowhere/whittle-bom", {"-s"}), 1);
     testing::internal::GetCapturedStderr();
-    EXPECT_EQ(logged([&] { child.tools.explainLastFailure(); }),
+    EXPECT_EQ(loggedDuring([&] { child.tools.explainLastFailure(); }),
               "!!! NOTE: cannot start \"whittle-bom\" at \"/nowhere/whittle-bom\" - No such file or directory.\n");
 }
 
@@ -52,14 +44,14 @@ TEST(ToolRuns, FailedToolIsExplainedByTheLastFiveLinesOfItsErrors) {
     std::string script = "for i in 1 2 3 4 5 6 7; do echo \"line $i\" >&2; done; echo >&2; exit 3";
     ChildProcessTools child;
     EXPECT_EQ(child.tools.run("/bin/sh", {"-c", script}), 3);
-    EXPECT_EQ(logged([&] { child.tools.explainLastFailure(); }),
+    EXPECT_EQ(loggedDuring([&] { child.tools.explainLastFailure(); }),
               "!!! NOTE: line 3\n!!! NOTE: line 4\n!!! NOTE: line 5\n!!! NOTE: line 6\n!!! NOTE: line 7\n");
 }
 
 TEST(ToolRuns, SilentFailureAddsNothing) {
     ChildProcessTools child;
     EXPECT_EQ(child.tools.run("/bin/false", {}), 1);
-    EXPECT_EQ(logged([&] { child.tools.explainLastFailure(); }), "");
+    EXPECT_EQ(loggedDuring([&] { child.tools.explainLastFailure(); }), "");
 }
 
 TEST(Leftovers, NamesCarryTheRunsProcessId) {
@@ -95,7 +87,7 @@ TEST(Leftovers, ItemsOfEndedRunsGoToTheTrashAndEverythingElseStays) {
     writeFile(dir / "work/.whittle-config", "the user's");
     writeFile(dir / "work/out.bom", "the user's");
 
-    std::string said = logged([&] { clearLeftoversOfEndedRuns(dir / "work"); });
+    std::string said = loggedDuring([&] { clearLeftoversOfEndedRuns(dir / "work"); });
     ::kill(live, SIGKILL);
     ::waitpid(live, nullptr, 0);
     std::set<std::string> left;

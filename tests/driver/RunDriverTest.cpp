@@ -16,6 +16,7 @@
 
 #include "BundleGenerator.hpp"
 #include "FakeToolRunner.hpp"
+#include "HelperProcesses.hpp"
 #include "MemoryBundleFiles.hpp"
 #include "TestSupport.hpp"
 #include "driver/Interrupts.hpp"
@@ -35,6 +36,7 @@ using test::FakeToolRunner;
 using test::MemoryBundleFiles;
 using test::TempDir;
 using test::folderTree;
+using test::kStopSignals;
 using test::launchFailure;
 using test::pathExists;
 using test::readFile;
@@ -259,8 +261,6 @@ protected:
     std::string logPath() const { return dir / "run.log"; }
     std::string staged(const std::string& target) const { return stagingPathFor(target, ::getpid()); }
     std::string temporaryFolder(const std::string& target) const { return temporaryFolderFor(target, ::getpid()); }
-
-    static constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
     TempDir dir;
     FakeToolRunner tools;

@@ -30,11 +30,7 @@ private:
 std::string logged(const std::function<void()>& body) {
     LogObject::sharedLogger().setUseTTY(false);
     LogObject::sharedLogger().setVerbose(false);
-    std::string before = LogObject::sharedLogger().historicalLog();
-    testing::internal::CaptureStdout();
-    body();
-    testing::internal::GetCapturedStdout();
-    return LogObject::sharedLogger().historicalLog().substr(before.size());
+    return test::loggedDuring(body);
 }
 
 std::string fileListOf(std::vector<std::string> paths) {

@@ -42,19 +42,12 @@ protected:
 
     std::string mountPoint() const { return kVolumes + "/" + volumeName; }
 
-    static bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
     TempDir dir;
     std::string volumeName;
     std::vector<std::string> attachedDevices;
     static inline int counter = 0;
     const std::vector<std::string> request{"--product", "x10", "--factory", "repair"};
 };
-
-std::vector<std::string> plus(std::vector<std::string> a, const std::vector<std::string>& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 }  // namespace
 

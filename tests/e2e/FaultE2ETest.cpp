@@ -26,8 +26,6 @@ namespace {
 
 const std::vector<std::string> kRequest{"--product", "x10", "--factory", "repair"};
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 // The processes whose command line mentions the text: the run's tools name paths
 // inside the test's own folders.
 std::vector<int> processesMentioning(const std::string& text) {

@@ -31,13 +31,6 @@ const std::string kSecret = "SECRET-BESIDE-THE-ARCHIVE";
 const std::string kKeptFile = "Restore/kernelcache.release.x10";
 constexpr int kRunBoundSeconds = 30;
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-std::vector<std::string> plus(std::vector<std::string> a, const std::vector<std::string>& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 // One run of whittle on the archive with one target.
 struct TargetRun {
     std::string target;

@@ -27,7 +27,6 @@ const std::string kSecret = "SECRET-FROM-OUTSIDE-THE-BUNDLE";
 const std::string kVolumes = WHITTLE_TEST_VOLUMES_DIR;
 const std::string kDiskImageTool = WHITTLE_DISKIMAGE_BINARY;
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 bool isUnder(const std::string& path, const std::string& folder) {
     return path == folder || path.starts_with(folder.back() == '/' ? folder : folder + "/");
 }

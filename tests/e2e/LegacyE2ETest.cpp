@@ -16,13 +16,6 @@ namespace fs = std::filesystem;
 namespace {
 
 
-std::vector<std::string> plus(std::vector<std::string> a, const std::vector<std::string>& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 class LegacyRun : public testing::Test {
 protected:
     void SetUp() override {

@@ -15,8 +15,6 @@ namespace {
 
 const std::string kErase = kTerminalLineErase;
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 // The lines of whittle-copy's listing.
 std::vector<std::string> listedPaths(const std::string& output) {
     std::vector<std::string> paths;

@@ -33,13 +33,6 @@ const std::string kCookie = "WhittleCookie.plist";
 // archive's tail read when it is opened.
 constexpr std::uint64_t kBytesPerFile = 2'000'000;
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-std::vector<std::string> plus(std::vector<std::string> a, const std::vector<std::string>& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 // Printable text that deflate shrinks only somewhat, different for every file.
 std::string textPayload(std::size_t size, std::uint32_t seed) {
     std::string text(size, ' ');

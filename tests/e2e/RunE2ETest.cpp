@@ -43,8 +43,6 @@ protected:
         return end == std::string::npos ? Value() : parsePropertyList(out.substr(0, end + 8));
     }
 
-    static bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
     TempDir dir;
 };
 

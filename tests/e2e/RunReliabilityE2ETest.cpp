@@ -17,8 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 class WhittleReliability : public testing::Test {
 protected:
     void SetUp() override {

@@ -43,8 +43,6 @@ protected:
         created = lists.created;
     }
 
-    static bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
     std::set<std::string> trashed() const {
         std::set<std::string> names;
         if (!pathExists(dir / "data/Trash/files")) return names;
@@ -55,11 +53,6 @@ protected:
     const std::vector<std::string> request{"--product", "x10", "--factory", "repair"};
     TempDir dir;
 };
-
-std::vector<std::string> plus(std::vector<std::string> a, const std::vector<std::string>& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 }  // namespace
 

@@ -10,7 +10,7 @@ class BuildManifestFileList : public EngineTest {
 protected:
     // The per-variant work item for one product and factory variant.
     Value itemFor(Stripper3& stripper, const std::string& product, const std::string& variant) {
-        logged([&] { stripper.preanalyzeRequest(); });
+        loggedDuring([&] { stripper.preanalyzeRequest(); });
         for (const auto& item : stripper.workList().elements()) {
             if (item.get("workProduct").text() == product && item.get("workVariant").text() == variant) return item;
         }
@@ -19,7 +19,7 @@ protected:
 
     int runStep(Stripper3& stripper, const Value& item, std::string* log = nullptr) {
         int result = 0;
-        std::string text = logged([&] { result = stripper.buildFilelistFromBuildManifest(item); });
+        std::string text = loggedDuring([&] { result = stripper.buildFilelistFromBuildManifest(item); });
         if (log) *log = text;
         return result;
     }
@@ -73,7 +73,7 @@ TEST_F(BuildManifestFileList, BuildManifestOfTheWrongKindIsHarmless) {
     writePlist("Restore/Restore.plist", Value::dictionary());
     auto stripper = engine({"x10"}, {"repair"});
     int result = 0;
-    std::string log = logged([&] { result = stripper->strip(); });
+    std::string log = loggedDuring([&] { result = stripper->strip(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(contains(log, "XXX ERROR: products x10 not found.\n"));
 }
@@ -276,7 +276,7 @@ TEST_F(BuildManifestFileList, ProductWithoutBasebandNeedsNone) {
 TEST_F(BuildManifestFileList, StrippedManifestListsOnlyKeptIdentitiesAndModels) {
     generate({"x10", "x30"}, {"repair", "ss"});
     auto stripper = engine({"x10"}, {"ss"});
-    logged([&] { EXPECT_EQ(stripper->strip(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->strip(), 0); });
     Value stripped = stripper->modifiedFiles().get("Restore/BuildManifest.plist");
     ASSERT_TRUE(stripped.isDictionary());
     EXPECT_EQ(stripped.get("BuildIdentities").count(), 1u);
@@ -290,7 +290,7 @@ TEST_F(BuildManifestFileList, StrippedManifestListsOnlyKeptIdentitiesAndModels) 
 TEST_F(BuildManifestFileList, ArrayModelContributesNoSupportedProductType) {
     generate({"x20"}, {"repair"});
     auto stripper = engine({"x20"}, {"repair"});
-    logged([&] { EXPECT_EQ(stripper->strip(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->strip(), 0); });
     EXPECT_EQ(stripper->modifiedFiles().get("Restore/BuildManifest.plist").get("SupportedProductTypes").count(), 0u);
 }
 
@@ -300,7 +300,7 @@ TEST_F(BuildManifestFileList, BinaryManifestWorksLikeXml) {
     plan.binaryManifest = true;
     generate(plan);
     auto stripper = engine({"x10"}, {"repair"});
-    logged([&] { EXPECT_EQ(stripper->strip(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->strip(), 0); });
     EXPECT_TRUE(keeps(*stripper, "Restore/X10AP-repairshippingsettings-0-os.dmg"));
 }
 
@@ -313,7 +313,7 @@ TEST_F(BuildManifestFileList, HostilePathsAreHandedOnNotFollowed) {
     items.get("iBSS").get("Info").set("Path", Value::integer(12));
     writePlist("Restore/BuildManifest.plist", manifest);
     auto stripper = engine({"x10"}, {"repair"});
-    logged([&] { EXPECT_EQ(stripper->strip(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->strip(), 0); });
     EXPECT_TRUE(keeps(*stripper, "Restore/../../../etc/passwd"));
     EXPECT_TRUE(keeps(*stripper, "Restore/" + std::string(5000, 'n')));
     EXPECT_FALSE(keeps(*stripper, "Restore/Firmware/dfu/iBSS.x10ap.RELEASE.dfu"));

@@ -17,7 +17,7 @@ protected:
             ADD_FAILURE() << "no operation " << selector;
             return {};
         }
-        return logged([&] { EXPECT_EQ(step(*stripper, item), 0); });
+        return loggedDuring([&] { EXPECT_EQ(step(*stripper, item), 0); });
     }
 
     static Value archiveItem(std::vector<std::string> products, std::vector<std::string> personalizations) {
@@ -166,7 +166,7 @@ TEST_F(BundleContent, InvisiblesAreScrubbedByTheirOwnName) {
     writeFile(at("Debug/x/.bc_cache"), "invisible");
     auto stripperWithDebug = engine({"x10"}, {"repair"}, options({"keepDebug"}));
     Value item = Value::dictionary();
-    std::string log = logged([&] {
+    std::string log = loggedDuring([&] {
         stripperWithDebug->stripDebugFolder();
         EXPECT_EQ(stripperWithDebug->stripInvisibles(), 0);
     });
@@ -188,7 +188,7 @@ TEST_F(BundleContent, NothingToScrubSaysNothing) {
 TEST_F(BundleContent, WholeRunScrubsInvisiblesFromKeptMaterial) {
     generate({"x10"}, {"repair"});
     auto whole = engine({"x10"}, {"repair"}, options({"keepDebug"}));
-    std::string log = logged([&] { EXPECT_EQ(whole->strip(), 0); });
+    std::string log = loggedDuring([&] { EXPECT_EQ(whole->strip(), 0); });
     EXPECT_TRUE(contains(log, "--- invisibles scrub 1 items.\n"));
     EXPECT_TRUE(keeps(*whole, "Debug/symbols.txt"));
     EXPECT_FALSE(keeps(*whole, "Debug/.DS_Store"));

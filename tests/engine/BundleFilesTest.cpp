@@ -6,19 +6,15 @@
 #include <gtest/gtest.h>
 
 #include "MemoryBundleFiles.hpp"
+#include "TestSupport.hpp"
 #include "support/LogObject.hpp"
 #include "support/Value.hpp"
 
 namespace whittle {
 namespace {
 
+using test::loggedDuring;
 using test::MemoryBundleFiles;
-
-std::string loggedBy(const std::function<void()>& action) {
-    std::string before = LogObject::sharedLogger().historicalLog();
-    action();
-    return LogObject::sharedLogger().historicalLog().substr(before.size());
-}
 
 TEST(BundleFiles, DeepListingEntersFoldersButNotLinks) {
     MemoryBundleFiles files;
@@ -60,7 +56,7 @@ TEST(MemoryBundleFiles, LinksInsideAreFollowedAndLinksOutsideAreAbsentWithOneWar
     files.file("Restore/real.txt", "real").link("Restore/inside", "real.txt").link("Restore/out", "../../etc/passwd");
     EXPECT_EQ(files.readFile("Restore/inside"), "real");
     EXPECT_EQ(files.linkTarget("Restore/inside"), "real.txt");
-    std::string said = loggedBy([&] {
+    std::string said = loggedDuring([&] {
         EXPECT_FALSE(files.readFile("Restore/out"));
         EXPECT_FALSE(files.linkTarget("Restore/out"));
     });
@@ -71,7 +67,7 @@ TEST(MemoryBundleFiles, LinksInsideAreFollowedAndLinksOutsideAreAbsentWithOneWar
 TEST(MemoryBundleFiles, AbsoluteLinksAndLoopsAreNotFollowed) {
     MemoryBundleFiles files;
     files.link("abs", "/Restore/x").link("a", "b").link("b", "a");
-    loggedBy([&] {
+    loggedDuring([&] {
         EXPECT_FALSE(files.readFile("abs"));
         EXPECT_FALSE(files.readFile("a"));
     });

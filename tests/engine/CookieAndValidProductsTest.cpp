@@ -38,7 +38,7 @@ protected:
 
 TEST_F(Cookie, NoCookieMeansNoEntryAndNoMessage) {
     auto stripper = engine({"x10"}, {"repair"}, options({"noCookie"}));
-    EXPECT_EQ(logged([&] { EXPECT_EQ(stripper->leaveCookie(), 0); }), "");
+    EXPECT_EQ(loggedDuring([&] { EXPECT_EQ(stripper->leaveCookie(), 0); }), "");
     EXPECT_TRUE(stripper->modifiedFiles().get("WhittleCookie.plist").isNone());
 }
 
@@ -48,7 +48,7 @@ TEST_F(Cookie, RecordsArgumentsSourceAndVersion) {
     opts.set("toolVersion", Value::real(2.5));
     opts.set("toolName", Value::string("@(#)PROGRAM:whittle  PROJECT:Whittle-7.4.10\n"));
     auto stripper = engine({"x10"}, {"repair"}, opts);
-    EXPECT_EQ(logged([&] { EXPECT_EQ(stripper->leaveCookie(), 0); }), "+++ Oreo's left.  No milk.\n");
+    EXPECT_EQ(loggedDuring([&] { EXPECT_EQ(stripper->leaveCookie(), 0); }), "+++ Oreo's left.  No milk.\n");
     Value cookie = stripper->modifiedFiles().get("WhittleCookie.plist");
     EXPECT_TRUE(cookie.get("rawArguments").equals(Value::stringArray({"/bin/whittle", "src", "--product", "x10", "tgt"})));
     EXPECT_EQ(cookie.get("source").text(), root());
@@ -61,12 +61,12 @@ TEST_F(Cookie, DriverVersionAndMissingKeys) {
     Value opts = Value::dictionary();
     opts.set("toolVersion", Value::real(7.4));
     auto stripper = engine({"x10"}, {"repair"}, opts);
-    logged([&] { stripper->leaveCookie(); });
+    loggedDuring([&] { stripper->leaveCookie(); });
     Value cookie = stripper->modifiedFiles().get("WhittleCookie.plist");
     EXPECT_EQ(cookie.get("version").text(), "7.400000");
     EXPECT_TRUE(cookie.get("version_fullString").isNone());
     auto bare = engine({"x10"}, {"repair"});
-    logged([&] { bare->leaveCookie(); });
+    loggedDuring([&] { bare->leaveCookie(); });
     EXPECT_TRUE(bare->modifiedFiles().get("WhittleCookie.plist").get("version").isNone());
 }
 

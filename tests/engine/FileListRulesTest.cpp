@@ -3,10 +3,12 @@
 
 #include <set>
 
+#include "TestSupport.hpp"
 #include "engine/FileListRules.hpp"
 #include "support/LogObject.hpp"
 
 using namespace whittle;
+using whittle::test::loggedDuring;
 
 namespace {
 
@@ -38,14 +40,6 @@ private:
 class FileListRules : public testing::Test {
 protected:
     void SetUp() override { LogObject::sharedLogger().setUseTTY(false); }
-
-    static std::string logged(const std::function<void()>& body) {
-        std::string before = LogObject::sharedLogger().historicalLog();
-        testing::internal::CaptureStdout();
-        body();
-        testing::internal::GetCapturedStdout();
-        return LogObject::sharedLogger().historicalLog().substr(before.size());
-    }
 
     static Value item(const char* variant = "repair") {
         Value item = Value::dictionary();
@@ -104,7 +98,7 @@ TEST_F(FileListRules, ManifestItemsAreKeptFromRestoreWithLinksForOtherNames) {
     Value links = Value::dictionary();
     std::set<std::string> images, caches, ramDisks;
     ManifestImageSets sets{images, caches, ramDisks};
-    std::string log = logged([&] { keepManifestItems(item(), chosen, bundle, links, &sets); });
+    std::string log = loggedDuring([&] { keepManifestItems(item(), chosen, bundle, links, &sets); });
     EXPECT_EQ(bundle.kept, (std::set<std::string>{"Restore/os-123.dmg",
                                                   "Restore/Firmware/all_flash/all_flash.x10ap.production/LLB.img3",
                                                   "Restore/Firmware/all_flash/all_flash.x10ap.production/manifest"}));
@@ -117,7 +111,7 @@ TEST_F(FileListRules, ManifestItemsAreKeptFromRestoreWithLinksForOtherNames) {
 TEST_F(FileListRules, OperatingSystemSkippedForVariantsThatInstallNone) {
     ListedBundle bundle({});
     Value links = Value::dictionary();
-    std::string log = logged([&] {
+    std::string log = loggedDuring([&] {
         keepManifestItems(item("nandnuker"), identity({{"OS", "os.dmg"}}, Value::dictionary()), bundle, links, nullptr);
     });
     EXPECT_TRUE(bundle.kept.empty());
@@ -127,12 +121,12 @@ TEST_F(FileListRules, OperatingSystemSkippedForVariantsThatInstallNone) {
 TEST_F(FileListRules, ManifestBasebandByPrefixOrAnError) {
     ListedBundle bundle({"Restore/Firmware/RDX0-1.bbfw", "Restore/Firmware/RDX9.bbfw", "Restore/Firmware/sub/RDX0-2.bbfw"});
     Value chosen = identity({}, Value::dictionary());
-    std::string log = logged([&] { EXPECT_EQ(keepManifestBaseband("x10", chosen, bundle), 0); });
+    std::string log = loggedDuring([&] { EXPECT_EQ(keepManifestBaseband("x10", chosen, bundle), 0); });
     EXPECT_EQ(bundle.kept, (std::set<std::string>{"Restore/Firmware/RDX0-1.bbfw"}));
     EXPECT_EQ(log, "+++ BuildManifest.plist BasebandFirmware found RDX0-1.bbfw.\n");
 
     ListedBundle empty({});
-    log = logged([&] { EXPECT_EQ(keepManifestBaseband("x10", chosen, empty), 1); });
+    log = loggedDuring([&] { EXPECT_EQ(keepManifestBaseband("x10", chosen, empty), 1); });
     EXPECT_EQ(log, "XXX ERROR found no BasebandFirmware files with prefixes RDX0.\n");
 }
 
@@ -143,13 +137,13 @@ TEST_F(FileListRules, UnpersonalizedKernelCachesOfTheProductOrProcessorAndKind) 
     Value request = item();
     request.set("workKernelCachesList", Value::stringArray({"Release"}));
     std::vector<std::string> found;
-    std::string log = logged([&] { EXPECT_TRUE(keepUnpersonalizedKernelCaches(request, bundle, found)); });
+    std::string log = loggedDuring([&] { EXPECT_TRUE(keepUnpersonalizedKernelCaches(request, bundle, found)); });
     EXPECT_EQ(bundle.kept, (std::set<std::string>{"Restore/kernelcache.release.soc100x", "Restore/kernelcache.release.x10"}));
     EXPECT_EQ(found.size(), 2u);
 
     ListedBundle none({"Restore/kernelcache.release.x20"});
     found.clear();
-    log = logged([&] { EXPECT_FALSE(keepUnpersonalizedKernelCaches(request, none, found)); });
+    log = loggedDuring([&] { EXPECT_FALSE(keepUnpersonalizedKernelCaches(request, none, found)); });
     EXPECT_EQ(log, "XXX ERROR no matching kernelcache found in bundle for x10 soc100x.\n");
 }
 
@@ -159,7 +153,7 @@ TEST_F(FileListRules, UnpersonalizedFoldersOfTheDeviceAndKindWithEverythingInsid
     Value request = item();
     request.set("workDFUTypesList", Value::stringArray({"RELEASE"}));
     Value classes = Value::stringArray({"x10ap"});
-    std::string log = logged([&] {
+    std::string log = loggedDuring([&] {
         EXPECT_TRUE(keepUnpersonalizedFolders(request, classes, "Restore/Firmware/dfu", "workDFUTypesList", "dfu", bundle));
     });
     EXPECT_EQ(bundle.kept, (std::set<std::string>{"Restore/Firmware/dfu/x10ap.RELEASE",
@@ -167,7 +161,7 @@ TEST_F(FileListRules, UnpersonalizedFoldersOfTheDeviceAndKindWithEverythingInsid
     EXPECT_EQ(log, "+++ Restore dfu found x10ap.RELEASE.\n");
 
     ListedBundle empty({});
-    log = logged([&] {
+    log = loggedDuring([&] {
         EXPECT_FALSE(keepUnpersonalizedFolders(request, classes, "Restore/Firmware/dfu", "workDFUTypesList", "dfu", empty));
     });
     EXPECT_EQ(log, "XXX ERROR no dfu found in bundle.\n");
@@ -175,7 +169,7 @@ TEST_F(FileListRules, UnpersonalizedFoldersOfTheDeviceAndKindWithEverythingInsid
 
 TEST_F(FileListRules, UnpersonalizedFoldersWithoutKindsLeaveDebugOnesOut) {
     ListedBundle bundle({"Restore/Firmware/all_flash/x10ap.production", "Restore/Firmware/all_flash/x10ap.debug"});
-    std::string log = logged([&] {
+    std::string log = loggedDuring([&] {
         EXPECT_TRUE(keepUnpersonalizedFolders(item(), Value::stringArray({"x10ap"}), "Restore/Firmware/all_flash",
                                               "workFirmwareTypesList", "all_flash", bundle));
     });
@@ -184,10 +178,10 @@ TEST_F(FileListRules, UnpersonalizedFoldersWithoutKindsLeaveDebugOnesOut) {
 
 TEST_F(FileListRules, UnpersonalizedBasebandByPrefix) {
     ListedBundle bundle({"Restore/Firmware/RDX0-7.bbfw", "Restore/Firmware/other.bin"});
-    std::string log = logged([&] { EXPECT_TRUE(keepUnpersonalizedBaseband("x10", bundle)); });
+    std::string log = loggedDuring([&] { EXPECT_TRUE(keepUnpersonalizedBaseband("x10", bundle)); });
     EXPECT_EQ(bundle.kept, (std::set<std::string>{"Restore/Firmware/RDX0-7.bbfw"}));
     EXPECT_EQ(log, "+++ Restore.plist BasebandFirmware found RDX0-7.bbfw.\n");
     ListedBundle empty({});
-    log = logged([&] { EXPECT_FALSE(keepUnpersonalizedBaseband("x10", empty)); });
+    log = loggedDuring([&] { EXPECT_FALSE(keepUnpersonalizedBaseband("x10", empty)); });
     EXPECT_EQ(log, "XXX ERROR found no BasebandFirmware files with prefixes RDX0.\n");
 }

@@ -20,7 +20,7 @@ protected:
 
     std::string run(int (Stripper3::*step)(const Value&), const Value& item) {
         stripper = engine({"x10"}, {"repair"});
-        return logged([&] { EXPECT_EQ(((*stripper).*step)(item), 0); });
+        return loggedDuring([&] { EXPECT_EQ(((*stripper).*step)(item), 0); });
     }
 
     Value modified(const std::string& path) { return stripper->modifiedFiles().get(path); }

@@ -12,6 +12,7 @@
 namespace whittle {
 namespace {
 
+using test::loggedDuring;
 using test::TempDir;
 using test::writeFile;
 
@@ -32,13 +33,6 @@ protected:
     void link(const std::string& target, const std::string& relative) const {
         ASSERT_EQ(::symlink(target.c_str(), (bundle() + "/" + relative).c_str()), 0);
     }
-    // What the logger said while the action ran.
-    template <typename Action>
-    static std::string logged(Action action) {
-        std::string before = LogObject::sharedLogger().historicalLog();
-        action();
-        return LogObject::sharedLogger().historicalLog().substr(before.size());
-    }
 
     TempDir temp_;
 };
@@ -54,7 +48,7 @@ TEST_F(FolderBundleFilesTest, ReadsFilesAndFollowsLinksThatStayInside) {
 TEST_F(FolderBundleFilesTest, FileLinkLeadingOutsideCountsAsAbsentWithOneWarning) {
     link(outside() + "/secret.txt", "Restore/BuildManifest.plist");
     FolderBundleFiles files(bundle());
-    std::string said = logged([&] {
+    std::string said = loggedDuring([&] {
         int error = 0;
         EXPECT_FALSE(files.readFile("Restore/BuildManifest.plist", &error));
         EXPECT_EQ(error, ENOENT);

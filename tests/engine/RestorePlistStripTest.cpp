@@ -10,7 +10,7 @@ class RestorePlistStrip : public EngineTest {
 protected:
     Value strip(const std::vector<std::string>& products, const std::vector<std::string>& variants, std::string* log = nullptr) {
         auto stripper = engine(products, variants);
-        std::string text = logged([&] { EXPECT_EQ(stripper->strip(), 0); });
+        std::string text = loggedDuring([&] { EXPECT_EQ(stripper->strip(), 0); });
         if (log) *log = text;
         return stripper->modifiedFiles().get("Restore/Restore.plist");
     }

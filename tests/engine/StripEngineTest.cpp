@@ -131,7 +131,7 @@ TEST_F(StripEngineTest, PerformWorkRunsTheItemsInOrderUnderTheirBanners) {
     auto quiet = engine();
     quiet->setWorkList(Value::array({item("Keys", "stripFWPKs:"), item("Tools", "stripRestoreTools:")}));
     int result = -1;
-    std::string log = logged([&] { result = quiet->performWork(); });
+    std::string log = loggedDuring([&] { result = quiet->performWork(); });
     EXPECT_EQ(result, 0);
     EXPECT_EQ(quiet->calls, (std::vector<std::string>{"stripFWPKs", "stripRestoreTools"}));
     EXPECT_EQ(log, ">>> ==========  1/ 2 Keys ==========\n>>> ==========  2/ 2 Tools ==========\n");
@@ -143,7 +143,7 @@ TEST_F(StripEngineTest, PerformWorkStopsAtTheFirstFailureAndAnswersIt) {
     quiet->setWorkList(Value::array({item("Tools", "stripRestoreTools:"), item("Keys", "stripFWPKs:"),
                                      item("Invisibles", "stripInvisibles:")}));
     int result = -1;
-    logged([&] { result = quiet->performWork(); });
+    loggedDuring([&] { result = quiet->performWork(); });
     EXPECT_EQ(result, 7);
     EXPECT_EQ(quiet->calls, (std::vector<std::string>{"stripRestoreTools", "stripFWPKs"}));
 }
@@ -152,7 +152,7 @@ TEST_F(StripEngineTest, PerformWorkRefusesAStepTheEngineLacks) {
     auto quiet = engine();
     quiet->setWorkList(Value::array({item("Disk image", "stripFactoryDiskImage:"), item("Keys", "stripFWPKs:")}));
     int result = -1;
-    std::string log = logged([&] { result = quiet->performWork(); });
+    std::string log = loggedDuring([&] { result = quiet->performWork(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(quiet->calls.empty());
     EXPECT_TRUE(contains(log, "XXX ERROR: no operation stripFactoryDiskImage:.\n")) << log;
@@ -182,20 +182,20 @@ TEST_F(StripEngineTest, CommonWorkStopsAtTheFirstFailingStep) {
 TEST_F(StripEngineTest, AnOptionalFolderIsKeptWithItsListingWhenAsked) {
     auto quiet = engine(options({"keepDebug"}));
     quiet->listings["Debug"] = {"Debug/a", "Debug/b"};
-    EXPECT_EQ(logged([&] { quiet->stripDebugFolder(); }), "+++ Debug folder found 2 items.\n");
+    EXPECT_EQ(loggedDuring([&] { quiet->stripDebugFolder(); }), "+++ Debug folder found 2 items.\n");
     EXPECT_EQ(quiet->kept, (std::vector<std::vector<std::string>>{{"Debug/a", "Debug/b"}}));
 }
 
 TEST_F(StripEngineTest, AnEmptyOptionalFolderIsHandedOnEmptyAndUnreported) {
     auto reporting = engine<ReportingEngine>(options({"keepBundleImages"}));
-    EXPECT_EQ(logged([&] { reporting->stripBundleImages(); }), "");
+    EXPECT_EQ(loggedDuring([&] { reporting->stripBundleImages(); }), "");
     EXPECT_EQ(reporting->kept, (std::vector<std::vector<std::string>>{{}}));
 }
 
 TEST_F(StripEngineTest, AFolderNotAskedForIsNeitherListedNorReportedByAQuietEngine) {
     auto quiet = engine();
     quiet->listings["Debug"] = {"Debug/a"};
-    EXPECT_EQ(logged([&] { quiet->stripDebugFolder(); }), "");
+    EXPECT_EQ(loggedDuring([&] { quiet->stripDebugFolder(); }), "");
     EXPECT_TRUE(quiet->calls.empty());
     EXPECT_TRUE(quiet->kept.empty());
 }
@@ -203,44 +203,44 @@ TEST_F(StripEngineTest, AFolderNotAskedForIsNeitherListedNorReportedByAQuietEngi
 TEST_F(StripEngineTest, AFolderNotAskedForIsReportedByAReportingEngine) {
     auto reporting = engine<ReportingEngine>();
     reporting->listings["Debug"] = {"Debug", "Debug/a", "Debug/b"};
-    EXPECT_EQ(logged([&] { reporting->stripDebugFolder(); }), "--- Debug folder scrub 3 items.\n");
+    EXPECT_EQ(loggedDuring([&] { reporting->stripDebugFolder(); }), "--- Debug folder scrub 3 items.\n");
     EXPECT_TRUE(reporting->kept.empty());
 }
 
 TEST_F(StripEngineTest, ALinkedImageIsKeptWithItsLinkWhenAsked) {
     files->file("SDK-1.dmg", "image").link(kSDKImage.link, "SDK-1.dmg");
     auto quiet = engine(options({"keepSDK"}));
-    EXPECT_EQ(logged([&] { quiet->stripSDKs(); }), "+++ NonUI SDK found \"SDK-1.dmg\".\n");
+    EXPECT_EQ(loggedDuring([&] { quiet->stripSDKs(); }), "+++ NonUI SDK found \"SDK-1.dmg\".\n");
     EXPECT_EQ(quiet->kept, (std::vector<std::vector<std::string>>{{"SDK-1.dmg", kSDKImage.link}}));
 }
 
 TEST_F(StripEngineTest, APlainFileUnderTheLinksNameIsNotKept) {
     files->file(kHomeDiagnosticsImage.link, "image");
     auto quiet = engine(options({"keepHomeDiagnostics"}));
-    EXPECT_EQ(logged([&] { quiet->stripHomeDiags(); }), "");
+    EXPECT_EQ(loggedDuring([&] { quiet->stripHomeDiags(); }), "");
     EXPECT_EQ(quiet->kept, (std::vector<std::vector<std::string>>{{}}));
 }
 
 TEST_F(StripEngineTest, ALinkedImageNotAskedForIsReportedOnlyByAReportingEngineAndOnlyWhenPresent) {
     auto absent = engine<ReportingEngine>();
-    EXPECT_EQ(logged([&] { absent->stripHomeDiags(); }), "");
+    EXPECT_EQ(loggedDuring([&] { absent->stripHomeDiags(); }), "");
     absent->listed.insert(kHomeDiagnosticsImage.link);
-    EXPECT_EQ(logged([&] { absent->stripHomeDiags(); }), "--- HomeDiagnostics scrub.\n");
+    EXPECT_EQ(loggedDuring([&] { absent->stripHomeDiags(); }), "--- HomeDiagnostics scrub.\n");
 
     files->file("SDK-1.dmg", "image").link(kSDKImage.link, "SDK-1.dmg");
-    EXPECT_EQ(logged([&] { engine<ReportingEngine>()->stripSDKs(); }), "--- NonUI SDK scrub.\n");
+    EXPECT_EQ(loggedDuring([&] { engine<ReportingEngine>()->stripSDKs(); }), "--- NonUI SDK scrub.\n");
     auto quiet = engine();
-    EXPECT_EQ(logged([&] { quiet->stripSDKs(); }), "");
+    EXPECT_EQ(loggedDuring([&] { quiet->stripSDKs(); }), "");
     EXPECT_TRUE(quiet->kept.empty());
 }
 
 TEST_F(StripEngineTest, TheCookieIsLeftAmongTheModifiedFilesUnlessRefused) {
     auto quiet = engine();
-    EXPECT_EQ(logged([&] { quiet->leaveCookie(); }), "+++ Oreo's left.  No milk.\n");
+    EXPECT_EQ(loggedDuring([&] { quiet->leaveCookie(); }), "+++ Oreo's left.  No milk.\n");
     EXPECT_TRUE(quiet->modified.get("WhittleCookie.plist").isDictionary());
 
     auto refused = engine(options({"noCookie"}));
-    EXPECT_EQ(logged([&] { refused->leaveCookie(); }), "");
+    EXPECT_EQ(loggedDuring([&] { refused->leaveCookie(); }), "");
     EXPECT_EQ(refused->modified.count(), 0u);
 }
 
@@ -250,7 +250,7 @@ TEST_F(StripEngineTest, ASingleUnlinkedRootImageIsTakenForTheRestoreTools) {
     quiet->rootNames = {"Tools-1.dmg", "Restore.plist"};
     std::string warning = whittle::guessRestoreTools({"Tools-1.dmg"}).warning;
     ASSERT_FALSE(warning.empty());
-    EXPECT_EQ(logged([&] { quiet->guessTools(Value()); }), warning + "\n");
+    EXPECT_EQ(loggedDuring([&] { quiet->guessTools(Value()); }), warning + "\n");
     EXPECT_EQ(quiet->kept, (std::vector<std::vector<std::string>>{{"Tools-1.dmg"}}));
     EXPECT_TRUE(quiet->modified.get(kRestoreTools).equals(Value::data("Tools-1.dmg")));
 }
@@ -259,7 +259,7 @@ TEST_F(StripEngineTest, LinkedRootImagesAreNoGuessAndARestoreToolsImageInPlaceNe
     files->file("Tools-1.dmg", "image").link("Other.dmg", "Tools-1.dmg").file(kRestoreTools, "image");
     auto quiet = engine();
     quiet->rootNames = {"Tools-1.dmg", "Other.dmg", kRestoreTools};
-    EXPECT_EQ(logged([&] { quiet->guessTools(Value()); }), "");
+    EXPECT_EQ(loggedDuring([&] { quiet->guessTools(Value()); }), "");
     EXPECT_TRUE(quiet->kept.empty());
     EXPECT_EQ(quiet->modified.count(), 0u);
 }

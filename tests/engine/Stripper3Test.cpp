@@ -20,11 +20,11 @@ std::vector<std::string> workNames(const Stripper3& stripper) {
 TEST_F(Stripper3Basics, MissingBuildManifestFailsStripAndListings) {
     auto stripper = engine({"x10"}, {"repair"});
     int result = 0;
-    EXPECT_EQ(logged([&] { result = stripper->strip(); }), "XXX ERROR: BuildManifest.plist cannot be read.\n");
+    EXPECT_EQ(loggedDuring([&] { result = stripper->strip(); }), "XXX ERROR: BuildManifest.plist cannot be read.\n");
     EXPECT_EQ(result, 1);
-    EXPECT_EQ(logged([&] { EXPECT_TRUE(stripper->validProducts().isNone()); }),
+    EXPECT_EQ(loggedDuring([&] { EXPECT_TRUE(stripper->validProducts().isNone()); }),
               "XXX ERROR: BuildManifest.plist cannot be read.\n");
-    EXPECT_EQ(logged([&] { EXPECT_TRUE(stripper->validFactoryVariants().isNone()); }),
+    EXPECT_EQ(loggedDuring([&] { EXPECT_TRUE(stripper->validFactoryVariants().isNone()); }),
               "XXX ERROR: BuildManifest.plist cannot be read.\n");
 }
 
@@ -33,7 +33,7 @@ TEST_F(Stripper3Basics, MissingRestorePlistFailsBeforeAnyStep) {
     std::filesystem::remove(at("Restore/Restore.plist"));
     auto stripper = engine({"x10"}, {"repair"});
     int result = 0;
-    EXPECT_EQ(logged([&] { result = stripper->strip(); }), "XXX ERROR: Restore.plist cannot be read.\n");
+    EXPECT_EQ(loggedDuring([&] { result = stripper->strip(); }), "XXX ERROR: Restore.plist cannot be read.\n");
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(stripper->copiedFilelist().empty());
     EXPECT_EQ(stripper->modifiedFiles().count(), 0u);
@@ -57,7 +57,7 @@ TEST_F(Stripper3Basics, CallersOptionsAreCopied) {
     auto stripper = engine({"x10"}, {"repair"}, callerOptions);
     callerOptions.set("noCookie", Value::boolean(true));
     EXPECT_TRUE(stripper->stripOptions().get("noCookie").isNone());
-    logged([&] { EXPECT_EQ(stripper->strip(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->strip(), 0); });
     EXPECT_FALSE(stripper->modifiedFiles().get("WhittleCookie.plist").isNone());
 }
 
@@ -79,7 +79,7 @@ TEST_F(Stripper3Basics, StrippedManifestSortsWithoutRegardToCase) {
         std::filesystem::remove(at(name));
     }
     auto stripper = engine({"x10"}, {"repair"}, options({"keepBundleImages"}));
-    logged([&] { EXPECT_EQ(stripper->strip(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->strip(), 0); });
     auto paths = stripper->strippedManifest();
     std::vector<std::string> names;
     for (const auto& path : paths.elements()) names.emplace_back(path.text());
@@ -95,7 +95,7 @@ TEST_F(Stripper3Basics, ModifiedFilesIsTheLiveDictionary) {
     generate({"x10"}, {"repair"});
     auto stripper = engine({"x10"}, {"repair"});
     Value before = stripper->modifiedFiles();
-    logged([&] { stripper->strip(); });
+    loggedDuring([&] { stripper->strip(); });
     EXPECT_TRUE(before.sameObject(stripper->modifiedFiles()));
     EXPECT_GT(before.count(), 0u);
 }
@@ -107,7 +107,7 @@ TEST_F(Stripper3Basics, NoProductOrVariantMeansEveryValidProductAndTheFirstOnesV
     plan.products = {{"x10", true, false, {"repair", "ss"}, 1, true}, {"x30", true, false, {"ss"}, 1, true}};
     generate(plan);
     auto stripper = engine({}, {});
-    logged([&] { EXPECT_EQ(stripper->preanalyzeRequest(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->preanalyzeRequest(), 0); });
     EXPECT_EQ(workNames(*stripper),
               (std::vector<std::string>{"Strip Restore and BuildManifest.plist for x10 cti.",
                                         "Strip Restore and BuildManifest.plist for x10 repair.",
@@ -122,7 +122,7 @@ TEST_F(Stripper3Basics, NoProductOrVariantMeansEveryValidProductAndTheFirstOnesV
     EXPECT_EQ(lastItem.get("workAllDeviceClasses").count(), 2u);
     // The first product fixed the variants: x30 has no "repair" identity, so that step fails.
     int result = 0;
-    std::string log = logged([&] { result = stripper->performWork(); });
+    std::string log = loggedDuring([&] { result = stripper->performWork(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(contains(log, "XXX ERROR: BuildIdentity x30ap (Repair - Shipping Settings) not found.\n"));
 }
@@ -131,7 +131,7 @@ TEST_F(Stripper3Basics, ProductInCatalogueButNotInManifestIsNotFound) {
     generate({"x10"}, {"repair"});
     auto stripper = engine({"x30", "x10", "x20"}, {"repair"});
     int result = 0;
-    std::string log = logged([&] { result = stripper->strip(); });
+    std::string log = loggedDuring([&] { result = stripper->strip(); });
     EXPECT_EQ(result, 1);
     EXPECT_EQ(log, "XXX ERROR: products x20, x30 not found.\n");
 }
@@ -140,7 +140,7 @@ TEST_F(Stripper3Basics, UnknownVariantIsNotFound) {
     generate({"x10"}, {"repair"});
     auto stripper = engine({"x10"}, {"swdl", "repair", "dfu"});
     int result = 0;
-    EXPECT_EQ(logged([&] { result = stripper->strip(); }), "XXX ERROR: variants dfu, swdl not found.\n");
+    EXPECT_EQ(loggedDuring([&] { result = stripper->strip(); }), "XXX ERROR: variants dfu, swdl not found.\n");
     EXPECT_EQ(result, 1);
 }
 
@@ -148,7 +148,7 @@ TEST_F(Stripper3Basics, StripAPFirmwareWithoutDevFirmwareRunsEveryVariantForNoDe
     generate({"x10"}, {"repair"});
     auto stripper = engine({"x10"}, {}, options({"stripAPFirmware"}));
     int result = 0;
-    logged([&] { result = stripper->strip(); });
+    loggedDuring([&] { result = stripper->strip(); });
     EXPECT_EQ(result, 0);
     auto names = workNames(*stripper);
     EXPECT_EQ(names.size(), 15u + 5u);
@@ -162,7 +162,7 @@ TEST_F(Stripper3Basics, StripAPFirmwareWithoutDevFirmwareRunsEveryVariantForNoDe
 TEST_F(Stripper3Basics, BannersUseTwoDigitWidths) {
     generate({"x10"}, {"repair"});
     auto stripper = engine({"x10"}, {"repair"});
-    std::string log = logged([&] { stripper->strip(); });
+    std::string log = loggedDuring([&] { stripper->strip(); });
     EXPECT_TRUE(contains(log, ">>> ==========  1/ 6 Strip Restore and BuildManifest.plist for x10 repair. ==========\n"));
     EXPECT_TRUE(contains(log, ">>> ==========  6/ 6 Leaving cookie for Santa ==========\n"));
     EXPECT_EQ(format(">>> ========== %2d/%2d %@ ==========", 3, 11, std::string("x")), ">>> ==========  3/11 x ==========");
@@ -173,7 +173,7 @@ TEST_F(Stripper3Basics, BannersUseTwoDigitWidths) {
 TEST_F(Stripper3Basics, SupportVariantAddsNoFirmwareType) {
     generate({"x10"}, {"support"});
     auto stripper = engine({"x10"}, {"support"}, options({"checkUnpersonalized"}));
-    logged([&] { EXPECT_EQ(stripper->preanalyzeRequest(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->preanalyzeRequest(), 0); });
     Value unpersonalized = stripper->workList().at(1);
     EXPECT_EQ(unpersonalized.get("workSelector").text(), "updateFilelistForUnpersonalizedInstall:");
     EXPECT_EQ(unpersonalized.get("workFirmwareTypesList").count(), 0u);
@@ -184,7 +184,7 @@ TEST_F(Stripper3Basics, SupportVariantAddsNoFirmwareType) {
 TEST_F(Stripper3Basics, TwoProductsTwoVariantsAndUnpersonalizedMakeElevenItems) {
     generate({"x10", "x20"}, {"ss", "dfu"});
     auto stripper = engine({"x10", "x20"}, {"ss", "dfu"}, options({"useRestorePlistInsteadOfBuildManifest"}));
-    logged([&] { EXPECT_EQ(stripper->preanalyzeRequest(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->preanalyzeRequest(), 0); });
     EXPECT_EQ(workNames(*stripper),
               (std::vector<std::string>{"Strip Restore and BuildManifest.plist for x10 ss.",
                                         "Strip Restore and BuildManifest.plist for x10 dfu.",
@@ -213,7 +213,7 @@ TEST_F(Stripper3Basics, DevFirmwareWithoutDevIdentitiesLeavesNoValidVariant) {
     generate({"x10"}, {"repair"});
     auto stripper = engine({"x10"}, {"repair"}, options({"keepDevFirmware"}));
     int result = 0;
-    std::string log = logged([&] { result = stripper->strip(); });
+    std::string log = loggedDuring([&] { result = stripper->strip(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(contains(log, "XXX ERROR: variants repair not found.\n"));
 }

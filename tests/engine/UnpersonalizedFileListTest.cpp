@@ -31,7 +31,7 @@ protected:
 
     int run(Stripper3& stripper, const Value& work, std::string* log = nullptr) {
         int result = 0;
-        std::string text = logged([&] { result = stripper.updateFilelistForUnpersonalizedInstall(work); });
+        std::string text = loggedDuring([&] { result = stripper.updateFilelistForUnpersonalizedInstall(work); });
         if (log) *log = text;
         return result;
     }
@@ -145,7 +145,7 @@ TEST_F(UnpersonalizedFileList, ProductWithoutBasebandPrefixesPassesTheBasebandSt
 TEST_F(UnpersonalizedFileList, WholeRunWithUnpersonalizedOn) {
     generate({"x10"}, {"repair"});
     auto stripper = engine({"x10"}, {"repair"}, options({"checkUnpersonalized"}));
-    logged([&] { EXPECT_EQ(stripper->strip(), 0); });
+    loggedDuring([&] { EXPECT_EQ(stripper->strip(), 0); });
     EXPECT_TRUE(keeps(*stripper, "Restore/kernelcache.release.soc100x"));
     EXPECT_TRUE(keeps(*stripper, "Restore/kernelcache.development.soc100x"));
     EXPECT_TRUE(keeps(*stripper, "Restore/Firmware/dfu/iBEC.x10ap.DEVELOPMENT.dfu"));

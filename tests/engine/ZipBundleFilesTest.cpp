@@ -10,9 +10,11 @@
 namespace whittle {
 namespace {
 
+using test::contains;
 using test::fileSpec;
 using test::folderSpec;
 using test::linkSpec;
+using test::loggedDuring;
 using test::MemoryByteSource;
 using test::ZipBuilder;
 using test::ZipSpec;
@@ -24,7 +26,7 @@ protected:
         auto built = ZipBuilder::build(spec);
         std::string error;
         std::unique_ptr<ZipBundleFiles> files;
-        said = logged([&] {
+        said = loggedDuring([&] {
             std::shared_ptr<const ZipArchive> archive =
                 ZipArchive::open(std::make_shared<MemoryByteSource>("bundle.zip", built.size, built.pieces), error);
             if (archive) files = std::make_unique<ZipBundleFiles>(archive);
@@ -177,7 +179,7 @@ TEST_F(ZipBundleFilesTest, LinksInsideAreFollowedAndLinksLeadingOutAreNot) {
     EXPECT_FALSE(files->linkTarget("Restore/inside.txt"));
     EXPECT_TRUE(files->escapingLinks().empty());
 
-    std::string warnings = logged([&] {
+    std::string warnings = loggedDuring([&] {
         int error = 0;
         EXPECT_FALSE(files->readFile("Restore/up.txt", &error));
         EXPECT_EQ(error, ENOENT);
@@ -208,7 +210,7 @@ TEST_F(ZipBundleFilesTest, DotDotStaysBelowTheRoot) {
     auto files = filesOf(spec);
     ASSERT_TRUE(files);
     EXPECT_EQ(files->readFile("Restore/../Restore/inside.txt").value_or(""), "inside");
-    std::string warnings = logged([&] { EXPECT_FALSE(files->readFile("Restore/../../outside/secret.txt")); });
+    std::string warnings = loggedDuring([&] { EXPECT_FALSE(files->readFile("Restore/../../outside/secret.txt")); });
     EXPECT_EQ(warnings, "!!! WARNING: \"Restore/../..\" leads outside the bundle and is not followed.\n");
     int error = 0;
     EXPECT_FALSE(files->readFile("Restore/inside.txt/x", &error));
@@ -262,7 +264,7 @@ TEST_F(ZipBundleFilesTest, DamagedEntriesAreReadAsFailuresWithAWarning) {
     auto files = filesOf(spec);
     ASSERT_TRUE(files);
     int error = 0;
-    std::string warnings = logged([&] { EXPECT_FALSE(files->readFile("Restore/BuildManifest.plist", &error)); });
+    std::string warnings = loggedDuring([&] { EXPECT_FALSE(files->readFile("Restore/BuildManifest.plist", &error)); });
     EXPECT_EQ(error, EIO);
     EXPECT_EQ(warnings,
               "!!! WARNING: \"Restore/BuildManifest.plist\" in the zip archive \"bundle.zip\": its CRC-32 does not match its "
@@ -296,7 +298,7 @@ TEST_F(ZipBundleFilesTest, ArchiveThatCannotBeReadAnyMoreIsAnErrorSaidOnce) {
     ZipBundleFiles files(archive);
     source->failing = true;
     int readError = 0;
-    said = logged([&] {
+    said = loggedDuring([&] {
         EXPECT_FALSE(files.readFile("Restore/BuildManifest.plist", &readError));
         EXPECT_FALSE(files.readFile("Restore/Restore.plist"));
     });

@@ -29,8 +29,6 @@ const std::vector<std::string> kProgramPaths{"usr/bin/whittle", "usr/libexec/whi
                                              "usr/libexec/whittle/whittle-copy",
                                              "usr/libexec/whittle/whittle-diskimage"};
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 // Packaging tools can take a while on a busy machine.
 RunOptions slowTool(const std::string& workingDirectory = "") {
     RunOptions options;

@@ -37,8 +37,6 @@ protected:
 
 TempDir* MovedInstall::root_ = nullptr;
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 }  // namespace
 
 TEST_F(MovedInstall, HoldsTheProgramHelpersManualPageAndCompletion) {

@@ -23,7 +23,7 @@ protected:
             return {};
         }
         int result = -1;
-        std::string log = logged([&] { result = step(stripper, item); });
+        std::string log = loggedDuring([&] { result = step(stripper, item); });
         EXPECT_EQ(result, expected);
         return log;
     }
@@ -180,7 +180,7 @@ TEST_F(LegacyBundleContent, ARestoreToolsLinkToAMissingImageStopsTheRun) {
     // Through the support-file step the whole run stops there.
     Value closing = closingItem({"x10"});
     int result = -1;
-    logged([&] { result = stripper->stripCommonWork(closing); });
+    loggedDuring([&] { result = stripper->stripCommonWork(closing); });
     EXPECT_EQ(result, 1);
 }
 

@@ -17,7 +17,7 @@ protected:
     // Runs a pass and answers its log; the pass must never fail.
     std::string run(int (Stripper2::*pass)(const Value&), Stripper2& stripper, const Value& item) {
         int result = -1;
-        std::string log = logged([&] { result = (stripper.*pass)(item); });
+        std::string log = loggedDuring([&] { result = (stripper.*pass)(item); });
         EXPECT_EQ(result, 0);
         return log;
     }

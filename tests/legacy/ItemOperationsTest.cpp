@@ -17,7 +17,7 @@ protected:
     Value itemFor(Stripper2& stripper, const std::string& variant, const std::string& selector) {
         Stripper2 analyzer(std::make_shared<FolderBundleFiles>(root()), strings({"x10"}), strings({variant}),
                            options({"checkPersonalized", "checkUnpersonalized"}));
-        logged([&] { analyzer.preanalyzeRequest(); });
+        loggedDuring([&] { analyzer.preanalyzeRequest(); });
         (void)stripper;
         for (const auto& item : analyzer.workList().elements()) {
             if (item.get("workSelector").text() == selector) return item;
@@ -28,7 +28,7 @@ protected:
 
     int run(int (Stripper2::*operation)(const Value&), Stripper2& stripper, const Value& item, std::string* log = nullptr) {
         int result = -1;
-        std::string said = logged([&] { result = (stripper.*operation)(item); });
+        std::string said = loggedDuring([&] { result = (stripper.*operation)(item); });
         if (log) *log = said;
         return result;
     }

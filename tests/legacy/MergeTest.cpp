@@ -14,7 +14,7 @@ protected:
         stripper = engine();
         stripper->setModifiedFilesList(Value::array(ValueArray(lists.begin(), lists.end())));
         int result = -1;
-        std::string said = logged([&] { result = stripper->mergeModifiedFiles(); });
+        std::string said = loggedDuring([&] { result = stripper->mergeModifiedFiles(); });
         if (log) *log = said;
         return result;
     }
@@ -64,14 +64,14 @@ TEST_F(LegacyMerge, SetsTakeWhatTheyLack) {
 
 TEST_F(LegacyMerge, DifferentScalarsAreRefusedWithTheirKindsAndKey) {
     Value mine = dict({{"count", Value::integer(1)}});
-    std::string log = logged([&] { EXPECT_FALSE(deepMergeDictionary(mine, dict({{"count", Value::integer(2)}}))); });
+    std::string log = loggedDuring([&] { EXPECT_FALSE(deepMergeDictionary(mine, dict({{"count", Value::integer(2)}}))); });
     EXPECT_EQ(log, "!!! WARNING cannot merge integer->integer for key count.\n");
     EXPECT_EQ(mine.get("count").numberValue(), 1);
 }
 
 TEST_F(LegacyMerge, ContainersOfDifferentKindsAreRefused) {
     Value mine = dict({{"k", Value::array()}});
-    std::string log = logged([&] { EXPECT_FALSE(deepMergeDictionary(mine, dict({{"k", Value::dictionary()}}))); });
+    std::string log = loggedDuring([&] { EXPECT_FALSE(deepMergeDictionary(mine, dict({{"k", Value::dictionary()}}))); });
     EXPECT_EQ(log, "!!! WARNING cannot merge dictionary->array for key k.\n");
 }
 
@@ -79,7 +79,7 @@ TEST_F(LegacyMerge, ARefusalDeepDownStopsTheMergeAndKeepsWhatWasMerged) {
     // Keys are visited in order: "a" merges, "b" refuses deep down, "c" is never reached.
     Value mine = dict({{"a", Value::dictionary()}, {"b", dict({{"inner", text("x")}})}});
     Value theirs = dict({{"a", dict({{"added", text("1")}})}, {"b", dict({{"inner", text("y")}})}, {"c", text("late")}});
-    std::string log = logged([&] { EXPECT_FALSE(deepMergeDictionary(mine, theirs)); });
+    std::string log = loggedDuring([&] { EXPECT_FALSE(deepMergeDictionary(mine, theirs)); });
     EXPECT_EQ(log, "!!! WARNING cannot merge string->string for key inner.\n");
     EXPECT_EQ(mine.get("a").get("added").text(), "1");
     EXPECT_TRUE(mine.get("c").isNone());
@@ -98,7 +98,7 @@ TEST_F(LegacyMerge, KeptPathsStandOnceSortedWithoutRegardToCase) {
     merger->setStrippedManifestsList(Value::array({strings({"Restore/b.dmg", "Restore", "Restore/a.dmg"}),
                                                    strings({"Restore/B.dmg", "Restore", "Restore/a.dmg"}), Value::array()}));
     int result = -1;
-    std::string log = logged([&] { result = merger->mergeStrippedManifests(); });
+    std::string log = loggedDuring([&] { result = merger->mergeStrippedManifests(); });
     EXPECT_EQ(result, 0);
     EXPECT_EQ(texts(merger->strippedManifest()), (std::vector<std::string>{"Restore", "Restore/a.dmg", "Restore/B.dmg", "Restore/b.dmg"}));
     EXPECT_EQ(log,

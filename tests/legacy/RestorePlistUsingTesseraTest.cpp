@@ -48,7 +48,7 @@ protected:
     Value cut(Stripper2& stripper, const Value& workItem, std::string* log = nullptr) {
         std::size_t before = stripper.modifiedFilesList().count();
         int result = -1;
-        std::string said = logged([&] { result = stripper.stripRestorePlistUsingTessera(workItem); });
+        std::string said = loggedDuring([&] { result = stripper.stripRestorePlistUsingTessera(workItem); });
         EXPECT_EQ(result, 0);
         if (log) *log = said;
         if (stripper.modifiedFilesList().count() == before) return {};
@@ -193,7 +193,7 @@ TEST_F(RestorePlistUsingTessera, TwoVariantsOfOneProductDifferOnlyInKindsAndType
     EXPECT_TRUE(release.get("SupportedProductTypes").equals(development.get("SupportedProductTypes")));
     EXPECT_FALSE(release.get("KernelCachesByTarget").equals(development.get("KernelCachesByTarget")));
     int result = -1;
-    logged([&] { result = stripper->mergeModifiedFiles(); });
+    loggedDuring([&] { result = stripper->mergeModifiedFiles(); });
     ASSERT_EQ(result, 0);
     Value merged = stripper->modifiedFiles().get("Restore/Restore.plist");
     EXPECT_EQ(keysSortedIgnoringCase(merged.get("KernelCachesByTarget").get("X10")),

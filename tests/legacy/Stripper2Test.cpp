@@ -32,7 +32,7 @@ protected:
 
     int analyze(Stripper2& stripper) {
         int result = -1;
-        logged([&] { result = stripper.preanalyzeRequest(); });
+        loggedDuring([&] { result = stripper.preanalyzeRequest(); });
         return result;
     }
 };
@@ -133,7 +133,7 @@ TEST_F(Stripper2Analysis, WithoutAStrategyTheClosingItemsRunAloneAndNothingIsNee
     // An empty bundle: neither manifest is there.
     auto stripper = engine({"x10"}, {"repair"});
     int result = -1;
-    logged([&] { result = stripper->strip(); });
+    loggedDuring([&] { result = stripper->strip(); });
     EXPECT_EQ(result, 0);
     EXPECT_EQ(selectors(*stripper), closingSelectors());
     EXPECT_TRUE(stripper->strippedManifest().isArray());
@@ -220,7 +220,7 @@ TEST_F(Stripper2Analysis, TwoIdentitiesOfOneVariantGiveItsItemsTwice) {
                                                  "stripRestoreUsingTessera:", "stripRestorePlistUsingTessera:"}));
     // The merges absorb the duplicates.
     int result = -1;
-    logged([&] { result = stripper->performWork(); });
+    loggedDuring([&] { result = stripper->performWork(); });
     EXPECT_EQ(result, 0);
     EXPECT_EQ(stripper->modifiedFiles().get("Restore/BuildManifest.plist").get("BuildIdentities").count(), 2u);
 }
@@ -241,7 +241,7 @@ TEST_F(Stripper2Analysis, AMissingManifestFailsOnlyTheStrategyThatNeedsIt) {
     file("Restore/Restore.plist", xmlPropertyList(Value::dictionary()));
     auto personalized = engine({"x10"}, {"repair"}, options({"checkPersonalized"}));
     int result = -1;
-    std::string log = logged([&] { result = personalized->strip(); });
+    std::string log = loggedDuring([&] { result = personalized->strip(); });
     EXPECT_EQ(result, 1);
     EXPECT_EQ(log, "XXX ERROR: BuildManifest.plist cannot be read.\n");
     EXPECT_TRUE(personalized->workList().count() == 0);
@@ -249,7 +249,7 @@ TEST_F(Stripper2Analysis, AMissingManifestFailsOnlyTheStrategyThatNeedsIt) {
     std::filesystem::remove(at("Restore/Restore.plist"));
     writePlist("Restore/BuildManifest.plist", dict({{"BuildIdentities", Value::array()}}));
     auto unpersonalized = engine({"x10"}, {"repair"}, options({"checkUnpersonalized"}));
-    log = logged([&] { result = unpersonalized->strip(); });
+    log = loggedDuring([&] { result = unpersonalized->strip(); });
     EXPECT_EQ(result, 1);
     EXPECT_EQ(log, "XXX ERROR: Restore.plist cannot be read.\n");
 }
@@ -257,7 +257,7 @@ TEST_F(Stripper2Analysis, AMissingManifestFailsOnlyTheStrategyThatNeedsIt) {
 TEST_F(Stripper2Analysis, TheWorkListIsAnnounced) {
     generate({"x10"}, {"repair"});
     auto stripper = engine({"x10"}, {"repair"}, options({"checkPersonalized"}));
-    std::string log = logged([&] { stripper->preanalyzeRequest(); });
+    std::string log = loggedDuring([&] { stripper->preanalyzeRequest(); });
     EXPECT_EQ(log, ">>> Work List\n");
 }
 
@@ -273,7 +273,7 @@ TEST_F(Stripper2Analysis, BannersNumberTheItemsAndAFailingItemStopsTheRun) {
     auto stripper = engine();
     stripper->setWorkList(list);
     int result = -1;
-    std::string log = logged([&] { result = stripper->performWork(); });
+    std::string log = loggedDuring([&] { result = stripper->performWork(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(contains(log, ">>> ==========  3/11 Merging stripped manifests ==========\n")) << log;
     EXPECT_TRUE(contains(log, ">>> ==========  9/11 Merging stripped manifests ==========\n"));
@@ -285,7 +285,7 @@ TEST_F(Stripper2Analysis, AnUnknownOperationStopsTheRun) {
     auto stripper = engine();
     stripper->setWorkList(Value::array({dict({{"workName", Value::string("odd")}, {"workSelector", Value::string("nothing:")}})}));
     int result = -1;
-    std::string log = logged([&] { result = stripper->performWork(); });
+    std::string log = loggedDuring([&] { result = stripper->performWork(); });
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(contains(log, "XXX ERROR: no operation nothing:.\n"));
     stripper->setWorkList(Value::array());
@@ -310,7 +310,7 @@ TEST_F(Stripper2Analysis, ValidProductsAreTheManifestsDeviceClassesWithoutTheirE
 TEST_F(Stripper2Analysis, ValidProductsAndVariantsWithoutAManifest) {
     auto stripper = engine({"x10"});
     Value products, variants;
-    std::string log = logged([&] {
+    std::string log = loggedDuring([&] {
         products = stripper->validProducts();
         variants = stripper->validFactoryVariants();
     });
@@ -385,13 +385,13 @@ TEST_F(Stripper2Analysis, PropertyListsAreReadAfreshAndExplainedInVerboseModeOnl
     first.set("A", Value::string("changed"));
     EXPECT_EQ(stripper->mutableDictionaryAtSubpath("Restore/Restore.plist").get("A").text(), "a");
 
-    std::string quiet = logged([&] {
+    std::string quiet = loggedDuring([&] {
         EXPECT_TRUE(stripper->mutableDictionaryAtSubpath("missing.plist").isNone());
         EXPECT_TRUE(stripper->mutableDictionaryAtSubpath("Restore/broken.plist").isNone());
     });
     EXPECT_EQ(quiet, "");
     stripper->setVerbose(true);
-    std::string chatty = logged([&] {
+    std::string chatty = loggedDuring([&] {
         EXPECT_TRUE(stripper->mutableDictionaryAtSubpath("missing.plist").isNone());
         EXPECT_TRUE(stripper->mutableDictionaryAtSubpath("Restore/broken.plist").isNone());
         EXPECT_TRUE(stripper->mutableDictionaryAtSubpath("Restore").isNone());
@@ -412,7 +412,7 @@ TEST_F(Stripper2Analysis, TheCookieIsLeftWhereNoMergePicksItUp) {
     withVersion.set("toolVersion", Value::real(2.5));
     auto stripper = engine({"x10"}, {"repair"}, withVersion);
     int result = -1;
-    std::string log = logged([&] { result = stripper->strip(); });
+    std::string log = loggedDuring([&] { result = stripper->strip(); });
     ASSERT_EQ(result, 0) << log;
     EXPECT_TRUE(log.ends_with("+++ Oreo's left.  No milk.\n")) << log;
     EXPECT_TRUE(stripper->modifiedFiles().get("WhittleCookie.plist").isNone());
@@ -424,7 +424,7 @@ TEST_F(Stripper2Analysis, TheCookieIsLeftWhereNoMergePicksItUp) {
 TEST_F(Stripper2Analysis, NoCookieLeavesNothingAndSaysNothing) {
     auto stripper = engine({}, {}, options({"noCookie"}));
     std::size_t before = stripper->modifiedFilesList().count();
-    std::string log = logged([&] { EXPECT_EQ(stripper->leaveCookie(), 0); });
+    std::string log = loggedDuring([&] { EXPECT_EQ(stripper->leaveCookie(), 0); });
     EXPECT_EQ(log, "");
     EXPECT_EQ(stripper->modifiedFilesList().count(), before);
 }

@@ -92,6 +92,17 @@ TEST(WriteAll, WritesEveryByteToAFile) {
     EXPECT_EQ(test::readFile(dir / "out"), bytes);
 }
 
+// The reason of a failure outlives the clean-up after it, even when the close fails too.
+TEST(UniqueDescriptor, ClosingKeepsErrno) {
+    UniqueDescriptor fd(openDevNull());
+    ASSERT_TRUE(fd.valid());
+    ::close(fd.get());  // behind its back, so that its own close fails with EBADF
+    errno = ENOSPC;
+    fd.reset();
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(fd.valid());
+}
+
 TEST(WriteAll, FailsWithTheSystemsErrorNumber) {
     UniqueDescriptor fd(openDevNull());  // open for reading only
     errno = 0;
@@ -99,6 +110,28 @@ TEST(WriteAll, FailsWithTheSystemsErrorNumber) {
     EXPECT_EQ(errno, EBADF);
     errno = 0;
     EXPECT_FALSE(writeAllAt(fd.get(), "x", 0));
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(ReadAllAt, ReadsTheRangeAndStopsShortOnlyAtTheEnd) {
+    test::TempDir dir;
+    test::writeFile(dir / "in", "0123456789");
+    UniqueDescriptor fd(::open((dir / "in").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(fd.valid());
+    char buffer[16] = {};
+    EXPECT_EQ(readAllAt(fd.get(), buffer, 4, 3), 4);
+    EXPECT_EQ(std::string_view(buffer, 4), "3456");
+    EXPECT_EQ(readAllAt(fd.get(), buffer, 8, 6), 4);
+    EXPECT_EQ(std::string_view(buffer, 4), "6789");
+    EXPECT_EQ(readAllAt(fd.get(), buffer, 8, 20), 0);
+}
+
+TEST(ReadAllAt, FailsWithTheSystemsErrorNumber) {
+    test::TempDir dir;
+    UniqueDescriptor fd(::open((dir / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    char buffer[4];
+    errno = 0;
+    EXPECT_EQ(readAllAt(fd.get(), buffer, sizeof buffer, 0), -1);
     EXPECT_EQ(errno, EBADF);
 }
 

@@ -15,6 +15,13 @@ TEST(Paths, LastPathComponent) {
     EXPECT_EQ(lastPathComponent("///"), "/");
 }
 
+TEST(Paths, PathStepsDropEmptyStepsAndKeepDotsForTheCaller) {
+    EXPECT_EQ(pathSteps("a//b/./../c/"), (std::vector<std::string>{"a", "b", ".", "..", "c"}));
+    EXPECT_EQ(pathSteps("/x"), std::vector<std::string>{"x"});
+    EXPECT_TRUE(pathSteps("").empty());
+    EXPECT_TRUE(pathSteps("///").empty());
+}
+
 TEST(Paths, ParentFoldersExtensionsAndJoins) {
     EXPECT_EQ(parentFolderOf("a/b/c"), "a/b");
     EXPECT_EQ(parentFolderOf("c"), ".");

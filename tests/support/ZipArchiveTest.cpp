@@ -16,9 +16,11 @@ namespace whittle {
 namespace {
 
 using test::BuiltZip;
+using test::contains;
 using test::fileSpec;
 using test::folderSpec;
 using test::linkSpec;
+using test::loggedDuring;
 using test::MemoryByteSource;
 using test::TempDir;
 using test::ZipBuilder;
@@ -37,21 +39,11 @@ constexpr std::time_t kFixedTime = 1700000000;  // 2023-11-14 22:13:20 UTC
 
 class ZipArchiveTest : public ::testing::Test {
 protected:
-    template <typename Action>
-    static std::string logged(Action action) {
-        std::string before = LogObject::sharedLogger().historicalLog();
-        testing::internal::CaptureStdout();
-        action();
-        testing::internal::GetCapturedStdout();
-        return LogObject::sharedLogger().historicalLog().substr(before.size());
-    }
-    static bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
     // Opens a built archive, keeping what was said while reading its directory.
     std::unique_ptr<ZipArchive> open(const BuiltZip& built, std::string& error) {
         source_ = std::make_shared<MemoryByteSource>("hostile.zip", built.size, built.pieces);
         std::unique_ptr<ZipArchive> archive;
-        said_ = logged([&] { archive = ZipArchive::open(source_, error); });
+        said_ = loggedDuring([&] { archive = ZipArchive::open(source_, error); });
         return archive;
     }
     std::unique_ptr<ZipArchive> open(const ZipSpec& spec) {

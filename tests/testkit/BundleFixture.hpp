@@ -47,19 +47,9 @@ protected:
         return result;
     }
 
-    // Runs the body and answers what it logged; standard output is kept quiet.
-    static std::string logged(const std::function<void()>& body) {
-        std::string before = LogObject::sharedLogger().historicalLog();
-        testing::internal::CaptureStdout();
-        body();
-        testing::internal::GetCapturedStdout();
-        return LogObject::sharedLogger().historicalLog().substr(before.size());
-    }
 
     void writePlist(const std::string& relative, const Value& value) { writeFile(at(relative), xmlPropertyList(value)); }
     Value readPlist(const std::string& relative) { return mutableDictionaryAtPath(at(relative)); }
-
-    static bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
     TempDir dir;
 };

@@ -4,23 +4,13 @@
 #include <cerrno>
 #include <vector>
 
+#include "support/Paths.hpp"
+
 namespace whittle::test {
 
 namespace {
 
 constexpr int kMostLinkHops = 40;
-
-std::vector<std::string> stepsOf(std::string_view path) {
-    std::vector<std::string> steps;
-    std::size_t start = 0;
-    while (start <= path.size()) {
-        std::size_t slash = path.find('/', start);
-        if (slash == std::string_view::npos) slash = path.size();
-        if (slash > start) steps.emplace_back(path.substr(start, slash - start));
-        start = slash + 1;
-    }
-    return steps;
-}
 
 std::string joined(const std::vector<std::string>& steps, std::size_t count) {
     std::string path;
@@ -54,12 +44,12 @@ MemoryBundleFiles& MemoryBundleFiles::time(struct timespec when) {
 }
 
 void MemoryBundleFiles::addParentsOf(const std::string& relative) {
-    auto steps = stepsOf(relative);
+    auto steps = pathSteps(relative);
     for (std::size_t count = 1; count < steps.size(); ++count) items_.try_emplace(joined(steps, count), Item{Kind::Folder, {}});
 }
 
 std::optional<std::string> MemoryBundleFiles::resolved(std::string_view relative, bool followLast) const {
-    std::vector<std::string> pending = stepsOf(relative);
+    std::vector<std::string> pending = pathSteps(relative);
     std::reverse(pending.begin(), pending.end());
     std::vector<std::string> done;
     int hops = 0;
@@ -80,7 +70,7 @@ std::optional<std::string> MemoryBundleFiles::resolved(std::string_view relative
         const std::string& target = found->second.content;
         if (++hops > kMostLinkHops || target.empty() || target.front() == '/') return std::nullopt;
         done.pop_back();
-        auto targetSteps = stepsOf(target);
+        auto targetSteps = pathSteps(target);
         pending.insert(pending.end(), targetSteps.rbegin(), targetSteps.rend());
     }
     return joined(done, done.size());
@@ -137,12 +127,15 @@ std::vector<std::string> MemoryBundleFiles::entries(std::string_view relativeFol
         noteEscapingLink(std::string(relativeFolder));
         return names;
     }
-    if (!folder->empty() && (items_.count(*folder) == 0 || items_.at(*folder).kind != Kind::Folder)) return names;
+    if (!folder->empty()) {
+        auto found = items_.find(*folder);
+        if (found == items_.end() || found->second.kind != Kind::Folder) return names;
+    }
+    // The paths below the folder stand together in the sorted map, right after its prefix.
     std::string prefix = folder->empty() ? "" : *folder + "/";
-    for (const auto& [path, item] : items_) {
-        if (path.size() <= prefix.size() || path.compare(0, prefix.size(), prefix) != 0) continue;
-        std::string rest = path.substr(prefix.size());
-        if (rest.find('/') == std::string::npos) names.push_back(rest);
+    for (auto at = items_.lower_bound(prefix); at != items_.end() && at->first.starts_with(prefix); ++at) {
+        std::string_view rest = std::string_view(at->first).substr(prefix.size());
+        if (!rest.empty() && rest.find('/') == std::string_view::npos) names.emplace_back(rest);
     }
     return names;
 }

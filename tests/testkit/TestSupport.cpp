@@ -1,5 +1,7 @@
 #include "TestSupport.hpp"
 
+#include "support/LogObject.hpp"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -224,6 +226,14 @@ std::vector<std::string> drawnLines(const std::string& terminal) {
         at = next;
     }
     return lines;
+}
+
+std::string loggedDuring(const std::function<void()>& action) {
+    std::string before = LogObject::sharedLogger().historicalLog();
+    testing::internal::CaptureStdout();
+    action();
+    testing::internal::GetCapturedStdout();
+    return LogObject::sharedLogger().historicalLog().substr(before.size());
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

@@ -2,6 +2,7 @@
 // their output captured (optionally with standard error on a pseudo-terminal).
 #pragma once
 
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -92,5 +93,15 @@ std::vector<std::string> drawnLines(const std::string& terminal);
 
 // The lines of a text, without their line ends.
 std::vector<std::string> linesOf(const std::string& text);
+
+inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+// The first list followed by the second.
+inline std::vector<std::string> plus(std::vector<std::string> first, const std::vector<std::string>& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+// What the shared logger said while the action ran; standard output is kept quiet.
+std::string loggedDuring(const std::function<void()>& action);
 
 }  // namespace whittle::test

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 
+#include "HelperProcesses.hpp"
 #include "TestSupport.hpp"
 #include "platform/helper/ChildProcesses.hpp"
 #include "support/DescriptorIo.hpp"
@@ -55,29 +56,10 @@ TEST(ChildProcesses, AChildLeadsItsOwnProcessGroup) {
     EXPECT_EQ(::kill(child, 0), -1);  // killed and reaped
 }
 
-// Gone, or a zombie that nothing has reaped yet.
-bool hasEnded(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(stat, line)) return true;
-    auto end = line.rfind(')');
-    return end != std::string::npos && line.compare(end, 3, ") Z") == 0;
-}
-
 std::string firstLineOf(const std::string& path) {
     std::ifstream file(path);
     std::string line;
     return std::getline(file, line) && !file.eof() ? line : std::string();
-}
-
-// Polls a condition for up to five seconds.
-template <typename Condition>
-bool eventually(Condition condition) {
-    for (int attempt = 0; attempt < 500; ++attempt) {
-        if (condition()) return true;
-        ::usleep(10000);
-    }
-    return condition();
 }
 
 TEST(ChildProcesses, KillingTheChildKillsWhatItStarted) {
@@ -85,11 +67,11 @@ TEST(ChildProcesses, KillingTheChildKillsWhatItStarted) {
     std::string pidFile = dir / "grandchild";
     pid_t child = startChild({"/bin/sh", "-c", "sleep 30 & echo $! > " + pidFile + "; wait"}, {});
     ASSERT_GT(child, 0);
-    ASSERT_TRUE(eventually([&] { return !firstLineOf(pidFile).empty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return !firstLineOf(pidFile).empty(); }, std::chrono::seconds(5)));
     auto grandchild = static_cast<pid_t>(std::stol(firstLineOf(pidFile)));
-    ASSERT_FALSE(hasEnded(grandchild));
+    ASSERT_TRUE(test::isAlive(grandchild));
     killChild(child);
-    EXPECT_TRUE(eventually([&] { return hasEnded(grandchild); }));
+    EXPECT_TRUE(test::waitUntil([&] { return !test::isAlive(grandchild); }, std::chrono::seconds(5)));
 }
 
 TEST(ChildProcesses, AChildEndedByASignalAnswers128PlusTheSignal) {
