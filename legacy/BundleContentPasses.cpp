@@ -60,17 +60,24 @@ int Stripper2::stripFWPKs(const Value& item) {
 
 int Stripper2::stripRestoreTools() {
     auto rootNames = files_->entries("");
-    auto images = rootDiskImages(rootNames);
-    bool toolsAtRoot = std::find(images.begin(), images.end(), kRestoreTools) != images.end();
-    if (auto target = toolsAtRoot ? files_->linkTarget(kRestoreTools) : std::nullopt) {
+    // Every root image's link is read in listing order, as far as a restore tools link
+    // whose target is missing: one that leads outside the bundle is warned about here.
+    std::optional<std::string> toolsTarget;
+    for (const auto& image : rootDiskImages(rootNames)) {
+        auto target = files_->linkTarget(image);
+        if (image != kRestoreTools || !target) continue;
+        toolsTarget = target;
+        if (!bundleLists(*target)) break;
+    }
+    if (toolsTarget) {
         int result = 0;
-        if (!bundleLists(*target)) {
+        if (!bundleLists(*toolsTarget)) {
             // A missing target is reported and still listed; the run then stops here.
-            Log("XXX ERROR: RestoreTools \"%@\" missing from bundle.", *target);
+            Log("XXX ERROR: RestoreTools \"%@\" missing from bundle.", *toolsTarget);
             result = 1;
         }
-        Log("+++ RestoreTools found %@ %@.", kRestoreTools, *target);
-        std::vector<std::string> kept{*target};
+        Log("+++ RestoreTools found %@ %@.", kRestoreTools, *toolsTarget);
+        std::vector<std::string> kept{*toolsTarget};
         if (!option("noSymLinks")) kept.push_back(kRestoreTools);
         keepPaths(kept);
         return result;

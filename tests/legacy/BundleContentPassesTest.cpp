@@ -170,6 +170,17 @@ TEST_F(LegacyBundleContent, ALinkedRestoreToolsImageIsKeptWithItsLink) {
     EXPECT_EQ(stripper->modifiedFilesList().count(), 0u);
 }
 
+TEST_F(LegacyBundleContent, EveryRootImageLinkIsReadSoOneLeadingOutsideIsWarnedAbout) {
+    file("Tools-1.dmg");
+    link("RestoreTools.dmg", "Tools-1.dmg");
+    link("Away.dmg", "../../outside.dmg");
+    auto stripper = engine();
+    EXPECT_EQ(run("stripRestoreTools:", *stripper),
+              "!!! WARNING: \"Away.dmg\" leads outside the bundle and is not followed.\n"
+              "+++ RestoreTools found RestoreTools.dmg Tools-1.dmg.\n");
+    EXPECT_EQ(lastKept(*stripper), (std::vector<std::string>{"Tools-1.dmg", "RestoreTools.dmg"}));
+}
+
 TEST_F(LegacyBundleContent, ARestoreToolsLinkToAMissingImageStopsTheRun) {
     link("RestoreTools.dmg", "Tools-1.dmg");
     auto stripper = engine();
